@@ -1,0 +1,7 @@
+#ifndef MDC_HLP_EXPORT_H
+#define MDC_HLP_EXPORT_H
+
+/* Marks what the shared library exports; everything else is built with hidden visibility. */
+#define MDCH_API __attribute__((visibility("default")))
+
+#endif

@@ -1,0 +1,105 @@
+/*
+ * Streams for C callers: plain functions on integer handles. C11 and C++.
+ *
+ * A handle is valid from mdch_UrlOpen or mdch_UrlOpenExt until mdch_UrlClose; numbers count from 1 and are
+ * never reused. Any thread may call any function. Two threads may use one handle at a time; a close that
+ * races with a read is safe, the read ends on the still living stream. What an invalid handle gives stands
+ * at each function and differs on purpose.
+ */
+#ifndef MDC_HLP_URL_H
+#define MDC_HLP_URL_H
+
+#include "mdc_hlp_export.h"
+#include "mdc_hlp_url_types.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* What mdch_UrlInit reads. Fields may be added behind the first. */
+typedef struct mdch_UrlInit_struct
+{
+    const char* userAgent; /* copied by mdch_UrlInit */
+} mdch_UrlInit_struct;
+
+/* The process-wide User-Agent text, null until mdch_UrlInit. Read it with mdch_getUserAgent. */
+extern MDCH_API char* userAgent;
+
+/*
+ * Sets the User-Agent that streams of mdch_UrlOpen send. Call it once, before any stream is opened: it takes
+ * no lock, and a second call leaks the former text on purpose, since a stream may be using it.
+ *
+ * A null init changes nothing and returns 0. Returns 0, -EINVAL (null text) or -ENOMEM.
+ */
+MDCH_API int mdch_UrlInit(const mdch_UrlInit_struct* init);
+
+/* The text that mdch_UrlInit stored, or an empty text. Never null; not to be freed. */
+MDCH_API const char* mdch_getUserAgent(void);
+
+/*
+ * Opens a stream with the stored User-Agent; returns when the response header has come or the open failed.
+ *
+ * url: "http://", "https://", "file://" or a path. mode: MDCH_MODE_READ or MDCH_MODE_WRITE (files only).
+ * Returns a handle, or 0.
+ */
+MDCH_API unsigned int mdch_UrlOpen(const char* url, int mode);
+
+/*
+ * As mdch_UrlOpen, with extended parameters; ext may be null, and then no User-Agent is set. On failure
+ * ext->error tells the reason: a negated errno value or an mdch_HttpError.
+ */
+MDCH_API unsigned int mdch_UrlOpenExt(const char* url, int mode, mdch_UrlExtended_struct* ext);
+
+/* Closes the stream and gives the handle up. The stream's result; -1 with EBADF for an invalid handle. */
+MDCH_API int mdch_UrlClose(unsigned int handle);
+
+/*
+ * Reads up to size bytes. Returns the bytes stored; 0 at the end, on an error, and for an invalid handle.
+ * An HTTP stream waits up to its data time-out for bytes that are missing.
+ */
+MDCH_API int mdch_UrlRead(unsigned int handle, unsigned char* buffer, unsigned int size);
+
+/* Writes size bytes (files). Returns the bytes written; 0 for an invalid handle. */
+MDCH_API int mdch_UrlWrite(unsigned int handle, unsigned char* buffer, unsigned int size);
+
+/* Position of the next byte that a read gives. -1 with EBADF for an invalid handle. */
+MDCH_API long long mdch_UrlTell(unsigned int handle);
+
+/* Moves to offset from the start (whence 0), the position (1) or the end (2). 0, or -1; EBADF as above. */
+MDCH_API int mdch_UrlSeek(unsigned int handle, long long offset, int whence);
+
+/* Moves to a play time in milliseconds (DLNA time seek). 0, or -1; EBADF for an invalid handle. */
+MDCH_API int mdch_UrlSeekTime(unsigned int handle, unsigned int time);
+
+/* The next byte, 0 to 255, or -1; -1 for an invalid handle. */
+MDCH_API int mdch_UrlGetc(unsigned int handle);
+
+/* Non-zero once the end has been reached; 1 for an invalid handle. */
+MDCH_API int mdch_UrlEof(unsigned int handle);
+
+/* Non-zero once an error has occurred: its code; 1 for an invalid handle. */
+MDCH_API int mdch_UrlError(unsigned int handle);
+
+/* Forgets end and error. */
+MDCH_API void mdch_UrlClearerr(unsigned int handle);
+
+/* Length in bytes, negative when unknown. -1 with EBADF for an invalid handle. */
+MDCH_API long long mdch_UrlSize(unsigned int handle);
+
+/* 1 when mdch_UrlSeek can work, else 0; 0 with EBADF for an invalid handle. */
+MDCH_API int mdch_UrlIsSeekable(unsigned int handle);
+
+/* mdch_UrlCapability_bits; 0 with EBADF for an invalid handle. */
+MDCH_API unsigned int mdch_UrlCapability(unsigned int handle);
+
+/* Suspends delivery. 0 on success; 1 for an invalid handle. */
+MDCH_API int mdch_UrlPause(unsigned int handle);
+
+/* Goes on after a pause. 0 on success; 1 for an invalid handle. */
+MDCH_API int mdch_UrlResume(unsigned int handle);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

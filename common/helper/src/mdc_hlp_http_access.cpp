@@ -1,0 +1,418 @@
+#include "mdc_hlp_http_access.h"
+
+#include "mdc_hlp_http_access_impl.h"
+#include "mdc_hlp_trace.h"
+
+#include <algorithm>
+#include <boost/make_shared.hpp>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <unistd.h>
+#include <utility>
+
+namespace md {
+
+namespace {
+
+// A paused transfer goes on once the receive buffer holds less than this.
+constexpr std::size_t kResumeBelow = 0x18000;
+
+// Held while the singleton is made, numbers a stream, and goes. Never destroyed, for streams that live in
+// static objects.
+MdpMutex& classMutex()
+{
+    static auto* instance = new MdpMutex(kHttpClassLock);
+    return *instance;
+}
+
+std::uint32_t g_engineRuns = 0; // guarded by the class mutex
+std::atomic<pid_t> g_engineProcess{0};
+bool g_exitHandlerInstalled = false; // guarded by the class mutex
+
+// Ends the engine, which nobody can reach any more. False: the worker did not end in time.
+bool stopEngine(HttpAccessImpl& impl, const timespec* deadline)
+{
+    mdchHttpCurl_shutdown();
+    mdchHttpCurl_wakeupWorkerThread();
+    return impl.worker().joinUntil(deadline);
+}
+
+// Before libcurl's and OpenSSL's own exit handlers, which were installed earlier and so run later: the worker
+// must not use them while they go.
+void stopAtExit()
+{
+    constexpr std::int64_t kLongestSeconds = 2; // a lock that exit's caller holds must not hold exit up
+    if (getpid() != g_engineProcess) {
+        return; // a forked child, which has no worker
+    }
+    HttpAccessImpl* impl = HttpAccess::m_impl.exchange(nullptr);
+    if (impl == nullptr || impl->worker().isCurrent()) {
+        return;
+    }
+    const timespec deadline = deadlineIn(kLongestSeconds);
+    if (stopEngine(*impl, &deadline)) {
+        delete impl;
+    }
+}
+
+// The singleton, made if there is none. The caller holds the class mutex.
+HttpAccessImpl& engineSingleton()
+{
+    HttpAccessImpl* impl = HttpAccess::m_impl.load();
+    if (impl == nullptr) {
+        auto made = std::make_unique<HttpAccessImpl>(++g_engineRuns);
+        curl_global_init(CURL_GLOBAL_DEFAULT);
+        if (!g_exitHandlerInstalled) {
+            g_exitHandlerInstalled = std::atexit(stopAtExit) == 0;
+        }
+        g_engineProcess = getpid();
+        mdchHttpCurl_initWakeup();
+        impl = made.release();
+        HttpAccess::m_impl = impl;
+    }
+    if (!impl->worker().isRunning()) {
+        // Tried again with every stream: a system without room for a thread may have it a moment later.
+        impl->worker().start("mdch_urlhttp", traceBaseName(__FILE__), __LINE__, mdchHttpCurl_fillBuffer,
+                             impl);
+    }
+    return *impl;
+}
+
+void setBody(MdchCurlDescriptor_struct& desc, const void* body, unsigned int length)
+{
+    if (body == nullptr || length == 0) {
+        return;
+    }
+    auto* copy = static_cast<char*>(std::malloc(length));
+    if (copy == nullptr) {
+        return; // the transfer starts without a body
+    }
+    std::memcpy(copy, body, length);
+    desc.postData = copy;
+    desc.postDataSize = static_cast<std::int32_t>(length);
+}
+
+// A read in progress: what has been stored, and what is missing.
+struct Reading
+{
+    unsigned char* buffer;
+    std::size_t length;
+    std::size_t stored = 0;
+
+    std::size_t missing() const { return length - stored; }
+
+    void take(MdpRingBuffer& source) { stored += source.dequeue(buffer + stored, missing()); }
+};
+
+void traceNothingRead(const MdchCurlDescriptor_struct& desc)
+{
+    if (desc.done != 0) {
+        MDCH_TRACE(kTraceCall, "%s(): reading from closed fd %i\n", "read", desc.fd);
+    } else {
+        MDCH_TRACE(kTraceCall, "%s(): not yet connected on fd %i. return 0\n", "read", desc.fd);
+    }
+}
+
+enum class Fed
+{
+    kNothing,
+    kRefilled, // with bytes that came during a pause
+    kResumed   // the transfer goes on
+};
+
+// Gives a drained buffer more: first what came during the pause, then a resume.
+Fed feed(const MdchDescriptorPtr& desc, MdpLock& lock, bool& triedResume)
+{
+    if (desc->ringBuffer.usedBytes() >= kResumeBelow) {
+        return Fed::kNothing;
+    }
+    if (desc->backBuffer.usedBytes() > 0) {
+        return mdchHttpCurl_refillFromBackBuffer(*desc) > 0 ? Fed::kRefilled : Fed::kNothing;
+    }
+    if (desc->paused == 0) {
+        triedResume = false;
+        return Fed::kNothing;
+    }
+    if (triedResume) {
+        return Fed::kNothing; // it could not change anything: wait instead of asking again and again
+    }
+    triedResume = true;
+    MDCH_TRACE(kTraceCall, "%s(): unpause fd %i\n", "read", desc->fd);
+    lock.unlock(); // the engine's lock comes first in the order
+    mdchHttpCurl_resume(desc);
+    lock.lock();
+    return Fed::kResumed;
+}
+
+// Fills what is missing, waiting up to the data time-out.
+void fill(const MdchDescriptorPtr& desc, MdpLock& lock, Reading& reading)
+{
+    const timespec deadline = deadlineIn(desc->dataTimeout);
+    bool triedResume = false;
+    for (;;) {
+        reading.take(desc->ringBuffer);
+        const Fed fed = feed(desc, lock, triedResume);
+        if (fed != Fed::kNothing && reading.missing() > 0) {
+            continue;
+        }
+        if (fed == Fed::kResumed) {
+            return;
+        }
+        if (desc->dataTimeout == 0 || reading.missing() == 0 || desc->done != 0) {
+            break;
+        }
+        MDCH_TRACE(kTraceCall, "%s(): wait for data on fd %i (bufSize = %i; missing = %i\n", "read", desc->fd,
+                   static_cast<int>(desc->ringBuffer.usedBytes()), static_cast<int>(reading.missing()));
+        if (lock.wait(desc->cond, &deadline) == ETIMEDOUT) {
+            MDCH_TRACE(kTraceError, "%s(): wait for data TIMEDOUT on fd %i\n", "read", desc->fd);
+            return;
+        }
+    }
+    MDCH_TRACE(kTraceCall, "%s(): read %i of %i bytes on fd %i\n", "read", static_cast<int>(reading.stored),
+               static_cast<int>(reading.length), desc->fd);
+}
+
+// The end of every read: position, short read. Returns the bytes stored.
+int finishRead(MdchCurlDescriptor_struct& desc, const Reading& reading)
+{
+    desc.startPos += static_cast<std::int64_t>(reading.stored);
+    if (reading.stored == 0 && desc.connected == 0) {
+        traceNothingRead(desc);
+        return 0;
+    }
+    if (desc.done == 0 && reading.missing() > 0 && desc.dataTimeout != 0) {
+        MDCH_TRACE(kTraceError, "%s(): cannot fill up the requested buffer on fd %i (%u<%i), timeout: %d\n",
+                   "read", desc.fd, static_cast<unsigned int>(reading.stored),
+                   static_cast<int>(reading.length), desc.dataTimeout);
+        desc.error = EAGAIN;
+    }
+    return static_cast<int>(reading.stored);
+}
+
+} // namespace
+
+std::atomic<HttpAccessImpl*> HttpAccess::m_impl{nullptr};
+
+HttpAccess::HttpAccess() : HttpAccess(std::string(), false) {}
+
+HttpAccess::HttpAccess(std::string agent, bool headRequest) : m_userAgent(std::move(agent))
+{
+    createDescriptor(headRequest);
+}
+
+HttpAccess::~HttpAccess()
+{
+    if (m_impl.load() != nullptr && !m_closed) {
+        close();
+    }
+}
+
+// Called by the constructor, and by open with the object's mutex held.
+void HttpAccess::createDescriptor(bool headRequest)
+{
+    const auto desc = boost::make_shared<MdchCurlDescriptor_struct>();
+    desc->userAgent = m_userAgent;
+    desc->headRequest = headRequest;
+    {
+        // Numbered and registered at one go: a shutdown between the two would leave it behind.
+        const MdpLock lock(classMutex());
+        HttpAccessImpl& impl = engineSingleton();
+        desc->fd = impl.takeNumber();
+        desc->engineRun = impl.run();
+        if (!impl.worker().isRunning()) {
+            desc->done = 1;
+            desc->error = EAGAIN;
+        }
+        mdchHttpCurl_addDescriptor(desc);
+    }
+    m_fd = desc->fd;
+    m_engineRun = desc->engineRun;
+    m_closed = false;
+    MDCH_TRACE(kTraceCall, "%s(): inserted descriptor for fd %i\n", "create", desc->fd);
+}
+
+bool HttpAccess::lookUp(boost::shared_ptr<MdchCurlDescriptor_struct>& desc)
+{
+    std::int32_t number = -1;
+    std::uint32_t run = 0;
+    {
+        const MdpLock lock(m_mutex);
+        if (m_closed) {
+            return false;
+        }
+        number = m_fd;
+        run = m_engineRun;
+    }
+    desc = mdchHttpCurl_getContext(number);
+    if (desc != nullptr && desc->engineRun != run) {
+        desc.reset(); // the number went to a stream of a later engine
+    }
+    return true;
+}
+
+int HttpAccess::start(const char* url, const void* body, unsigned int length, long long startPos)
+{
+    constexpr unsigned int kMostBody = std::numeric_limits<std::int32_t>::max();
+    if (url == nullptr || *url == '\0' || startPos < 0 || length > kMostBody) {
+        return -EINVAL;
+    }
+    std::int32_t number = -1;
+    {
+        const MdpLock lock(m_mutex);
+        if (m_closed) {
+            createDescriptor(false);
+        }
+        number = m_fd;
+    }
+    MDCH_TRACE(kTraceNotice, "%s(): try to open url %s\n", "open", url);
+    MdchDescriptorPtr desc;
+    if (!lookUp(desc) || desc == nullptr) {
+        return number;
+    }
+    {
+        MdpLock lock = lockDescriptor(*desc);
+        mdchHttpCurl_dropFormerRequest(*desc, lock);
+        if (desc->state == kStateFinalise) {
+            return number; // closed by another thread meanwhile
+        }
+        if (desc->done != 0) {
+            return -EAGAIN; // there is no worker thread
+        }
+        desc->url = url;
+        setBody(*desc, body, length);
+        mdchHttpCurl_initDescriptor(desc, startPos);
+    }
+    mdchHttpCurl_wakeupWorkerThread();
+    return number;
+}
+
+int HttpAccess::open(const char* url, int /*mode*/)
+{
+    return start(url, nullptr, 0, 0);
+}
+
+int HttpAccess::open(const char* url, const void* body, unsigned int length, int startPos)
+{
+    return start(url, body, length, startPos);
+}
+
+int HttpAccess::read(unsigned char* buffer, unsigned int size)
+{
+    MdchDescriptorPtr desc;
+    if (!lookUp(desc)) {
+        return -EINVAL;
+    }
+    if (desc == nullptr) {
+        return 0;
+    }
+    MdpLock lock = lockDescriptor(*desc);
+    if (waitForHeader(*desc, lock) < 0) {
+        return 0;
+    }
+    // Results are ints: no more than an int can tell is read at once.
+    Reading reading{buffer, std::min<std::size_t>(size, std::numeric_limits<int>::max())};
+    if (desc->connected == 0 && (buffer == nullptr || size == 0 || !desc->acceptAfterDone)) {
+        traceNothingRead(*desc);
+        return 0;
+    }
+    if (size == 0 && buffer != nullptr) {
+        return 0;
+    }
+    if (buffer != nullptr) {
+        fill(desc, lock, reading);
+    }
+    return finishRead(*desc, reading);
+}
+
+int HttpAccess::write(unsigned char* /*buffer*/, unsigned int /*size*/)
+{
+    return 0;
+}
+
+int HttpAccess::getc()
+{
+    unsigned char byte = 0;
+    const int count = read(&byte, 1);
+    if (count < 0) {
+        return count;
+    }
+    return count == 1 ? byte : -1;
+}
+
+int HttpAccess::close()
+{
+    MdchDescriptorPtr desc;
+    if (!lookUp(desc)) {
+        return -EINVAL;
+    }
+    {
+        const MdpLock lock(m_mutex);
+        m_closed = true;
+    }
+    if (desc == nullptr) {
+        return -EINVAL;
+    }
+    {
+        const MdpLock lock = lockDescriptor(*desc);
+        mdchHttpCurl_endForReaders(*desc, "close");
+    }
+    mdchHttpCurl_wakeupWorkerThread();
+    return 0;
+}
+
+int HttpAccess::eof()
+{
+    MdchDescriptorPtr desc;
+    if (!lookUp(desc)) {
+        return -EINVAL;
+    }
+    if (desc == nullptr) {
+        return 0;
+    }
+    MdpLock lock = lockDescriptor(*desc);
+    waitForHeader(*desc, lock);
+    if (desc->done != 0 && bufferedBytes(*desc) == 0) {
+        MDCH_TRACE(kTraceCall, "%s(): end of file: done UsedBytes=0\n", "eof");
+        return 1;
+    }
+    return 0;
+}
+
+int HttpAccess::error()
+{
+    MdchDescriptorPtr desc;
+    if (!lookUp(desc)) {
+        return -EINVAL;
+    }
+    if (desc == nullptr) {
+        return 0;
+    }
+    MdpLock lock = lockDescriptor(*desc);
+    waitForHeader(*desc, lock);
+    return desc->error;
+}
+
+void HttpAccess::clearerr()
+{
+    MdchDescriptorPtr desc;
+    if (lookUp(desc) && desc != nullptr) {
+        const MdpLock lock = lockDescriptor(*desc);
+        desc->error = 0;
+    }
+}
+
+int HttpAccess::shutdown()
+{
+    const MdpLock lock(classMutex());
+    HttpAccessImpl* impl = m_impl.exchange(nullptr);
+    if (impl != nullptr) {
+        stopEngine(*impl, nullptr);
+        delete impl;
+    }
+    return 0;
+}
+
+} // namespace md

@@ -1,0 +1,187 @@
+#include "mdc_hlp_http_curl.h"
+
+#include "mdc_hlp_http_curl_engine.h"
+#include "mdc_hlp_http_ssl.h"
+#include "mdc_hlp_trace.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+#include <utility>
+
+namespace md {
+
+namespace {
+
+void initRecursive(pthread_mutex_t& mutex)
+{
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+    pthread_mutex_init(&mutex, &attributes);
+    pthread_mutexattr_destroy(&attributes);
+}
+
+} // namespace
+
+MdchCurlDescriptor_struct::MdchCurlDescriptor_struct()
+{
+    initRecursive(mutex);
+    pthread_cond_init(&cond, nullptr);
+}
+
+MdchCurlDescriptor_struct::~MdchCurlDescriptor_struct()
+{
+    // The worker has cleaned up what ran. A handle that never entered the multi handle is still here.
+    if (inMulti == 0) {
+        freeRequest(*this);
+    }
+    std::free(const_cast<char*>(postData));
+    std::free(receiveBufferMemory);
+    std::free(backBufferMemory);
+    mdchHttpSsl_cleanupCerts(certificates);
+    pthread_cond_destroy(&cond);
+    pthread_mutex_destroy(&mutex);
+}
+
+HttpEngine& httpEngine()
+{
+    static auto* instance = new HttpEngine;
+    return *instance;
+}
+
+void snapshotRegistry(std::vector<MdchDescriptorPtr>& descriptors)
+{
+    HttpEngine& engine = httpEngine();
+    const MdpLock lock(engine.registryMutex);
+    descriptors.reserve(engine.registry.size());
+    for (const auto& entry : engine.registry) {
+        descriptors.push_back(entry.second);
+    }
+}
+
+void unregisterDescriptor(const MdchCurlDescriptor_struct& desc)
+{
+    HttpEngine& engine = httpEngine();
+    MdchDescriptorPtr last; // destroyed behind the lock
+    const MdpLock lock(engine.registryMutex);
+    const auto found = engine.registry.find(desc.fd);
+    if (found != engine.registry.end() && found->second.get() == &desc) {
+        last.swap(found->second);
+        engine.registry.erase(found);
+    }
+}
+
+void freeRequest(MdchCurlDescriptor_struct& desc)
+{
+    if (desc.easy != nullptr) {
+        curl_easy_cleanup(desc.easy);
+        desc.easy = nullptr;
+    }
+    curl_slist_free_all(desc.requestHeaders);
+    desc.requestHeaders = nullptr;
+    curl_slist_free_all(desc.http200Aliases);
+    desc.http200Aliases = nullptr;
+}
+
+} // namespace md
+
+boost::shared_ptr<md::MdchCurlDescriptor_struct> mdchHttpCurl_getContext(int fd)
+{
+    {
+        md::HttpEngine& engine = md::httpEngine();
+        const MdpLock lock(engine.registryMutex);
+        const auto found = engine.registry.find(fd);
+        if (found != engine.registry.end()) {
+            return found->second;
+        }
+    }
+    MDCH_TRACE(md::kTraceError, "%s(): requested unknown descriptor %i\n", __func__, fd);
+    return {};
+}
+
+void mdchHttpCurl_addDescriptor(boost::shared_ptr<md::MdchCurlDescriptor_struct> desc)
+{
+    if (desc == nullptr) {
+        return;
+    }
+    md::HttpEngine& engine = md::httpEngine();
+    const std::int32_t number = desc->fd;
+    const MdpLock lock(engine.registryMutex);
+    // Swapped, so that a replaced descriptor dies with the parameter, behind the lock.
+    engine.registry[number].swap(desc);
+}
+
+void mdchHttpCurl_shutdown()
+{
+    md::HttpEngine& engine = md::httpEngine();
+    const MdpFairLock lock(engine.mutex);
+    engine.shutdown = true;
+}
+
+void mdchHttpCurl_initWakeup()
+{
+    std::array<int, 2> ends{-1, -1};
+    // Non-blocking: neither a full pipe nor a drained one may hold a thread that has locks.
+    if (pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
+        MDCH_TRACE(md::kTraceError, "%s(): cannot create wakeup pipe: %s\n", __func__, std::strerror(errno));
+        return;
+    }
+    md::HttpEngine& engine = md::httpEngine();
+    {
+        const MdpLock lock(engine.wakeupMutex);
+        std::swap(engine.wakeupReadEnd, ends[0]);
+        std::swap(engine.wakeupWriteEnd, ends[1]);
+    }
+    for (const int former : ends) {
+        if (former >= 0) {
+            ::close(former);
+        }
+    }
+}
+
+void mdchHttpCurl_wakeupWorkerThread()
+{
+    md::HttpEngine& engine = md::httpEngine();
+    // Locked, because a shutdown closes the pipe and its number may be somebody's file a moment later.
+    const MdpLock lock(engine.wakeupMutex);
+    if (engine.wakeupWriteEnd <= 0) {
+        return;
+    }
+    const char wake = 'a';
+    // EAGAIN: the pipe is full of wake-ups already.
+    if (::write(engine.wakeupWriteEnd, &wake, 1) < 0 && errno != EAGAIN) {
+        MDCH_TRACE(md::kTraceError, "%s(): cannot write to wakeup pipe: %s\n", __func__,
+                   std::strerror(errno));
+    }
+}
+
+std::uint64_t mdchHttpCurl_passCount()
+{
+    return md::httpEngine().passes.load();
+}
+
+void mdchHttpCurl_wakeSelectWaiters(md::MdchCurlDescriptor_struct& desc, const char* function)
+{
+    for (md::MdchHttpSelect_struct* waiter : desc.selectWaiters) {
+        MDCH_TRACE(md::kTraceCall, "%s(): wakeup select...\n", function);
+        const MdpLock lock(waiter->mutex, md::kSelectWaiterLock);
+        if (desc.fd >= 0 && desc.fd < FD_SETSIZE) {
+            FD_SET(desc.fd, &waiter->readSet);
+        }
+        pthread_cond_broadcast(&waiter->cond);
+    }
+}
+
+void mdchHttpCurl_endForReaders(md::MdchCurlDescriptor_struct& desc, const char* function)
+{
+    desc.state = md::kStateFinalise;
+    desc.done = 1;
+    desc.connected = 0;
+    desc.headerComplete = 0;
+    pthread_cond_broadcast(&desc.cond);
+    mdchHttpCurl_wakeSelectWaiters(desc, function);
+}

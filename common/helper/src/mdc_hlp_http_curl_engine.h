@@ -1,0 +1,55 @@
+/*
+ * The process-wide state of the transfer engine, and the only way to its locks.
+ *
+ * One instance, never destroyed: the worker may still run while a process's static objects go.
+ */
+#ifndef MDC_HLP_HTTP_CURL_ENGINE_H
+#define MDC_HLP_HTTP_CURL_ENGINE_H
+
+#include "mdc_hlp_http_curl.h"
+#include "mdc_hlp_http_curl_sockets.h"
+
+#include <atomic>
+#include <map>
+
+namespace md {
+
+struct HttpEngine
+{
+    // Fair: a worker at full speed asks for it again at once, and a seek must not wait for its luck.
+    MdpFairMutex mutex{kEngineLock};
+    CURLM* multi = nullptr;     // guarded by mutex; null while no worker runs
+    bool shutdown = false;      // guarded by mutex
+    HttpSocketInterest sockets; // guarded by mutex
+
+    MdpMutex registryMutex{kRegistryLock};
+    std::map<std::int32_t, MdchDescriptorPtr> registry; // guarded by registryMutex
+
+    MdpMutex wakeupMutex{kWakeupLock};
+    int wakeupReadEnd = -1; // guarded by wakeupMutex, as is the other; -1: no pipe
+    int wakeupWriteEnd = -1;
+
+    std::atomic<std::uint64_t> passes{0};
+};
+
+HttpEngine& httpEngine();
+
+/* All registered descriptors in the order of their numbers. Takes the registry's lock. */
+void snapshotRegistry(std::vector<MdchDescriptorPtr>& descriptors);
+
+/* Takes the descriptor out of the registry, unless its number belongs to another one by now. */
+void unregisterDescriptor(const MdchCurlDescriptor_struct& desc);
+
+/*
+ * Adds the descriptor's handle to the multi handle as a new request, or removes it. Caller holds the
+ * engine's lock and the descriptor's. Both do nothing when it is so already.
+ */
+void addToMulti(HttpEngine& engine, MdchCurlDescriptor_struct& desc);
+void removeFromMulti(HttpEngine& engine, MdchCurlDescriptor_struct& desc);
+
+/* Frees the libcurl handle and its lists. The handle is not in the multi handle. Caller holds the locks. */
+void freeRequest(MdchCurlDescriptor_struct& desc);
+
+} // namespace md
+
+#endif

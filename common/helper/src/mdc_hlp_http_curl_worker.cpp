@@ -1,0 +1,438 @@
+#include "mdc_hlp_http_curl_engine.h"
+#include "mdc_hlp_trace.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <new>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using md::HttpEngine;
+using md::MdchCurlDescriptor_struct;
+
+constexpr long kLongestWaitMs = 5000;
+constexpr long kWaitWithoutTimeoutMs = 10000;
+constexpr time_t kContinueInPauseSeconds = 320;
+constexpr time_t kCloseInPauseSeconds = 20;
+constexpr const char* kThreadFunction = "mdchHttpCurl_fillBuffer"; // all worker traces bear its name
+
+#define MDCH_WORKER_HERE md::traceBaseName(__FILE__), __LINE__, kThreadFunction
+
+// A completion message of libcurl, and the request that it belongs to.
+struct Completion
+{
+    md::MdchDescriptorPtr desc;
+    std::uint64_t serial = 0;
+    CURLMSG kind = CURLMSG_NONE;
+    CURLcode result = CURLE_OK;
+};
+
+class Worker
+{
+public:
+    Worker();
+
+    /* One pass of the loop: act on states, drive the transfers, report their ends, sleep. False: shut down. */
+    bool pass();
+
+    /* Gives everything back: transfers, pipe, multi handle. */
+    void finish();
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    // What is left to do for a descriptor once its lock is released: both come to the registry's lock, which
+    // stands before a descriptor's.
+    enum class Rest
+    {
+        kNothing,
+        kLetFlow,   // libcurl delivers held bytes at once, to a callback that looks the descriptor up
+        kUnregister // it is finalised
+    };
+
+    void actOnStates();
+    Rest actOnState(MdchCurlDescriptor_struct& desc);
+    Rest actOnPaused(MdchCurlDescriptor_struct& desc);
+    void finalise(MdchCurlDescriptor_struct& desc);
+    void drive();
+    bool nextCompletion(Completion& completion);
+    void report(const Completion& completion);
+    void prepareWait();
+    void wait();
+    void drainWakeups(int readEnd);
+    static void closePipe();
+
+    HttpEngine& m_engine;
+    CURLM* m_multi = nullptr; // the engine's, which is set to null before it is freed
+    std::vector<md::MdchDescriptorPtr> m_snapshot;
+    std::vector<pollfd> m_watched; // the wake-up pipe first, if there is one
+    bool m_hasPipe = false;
+    bool m_ready = false;    // m_watched holds results of the last wait
+    bool m_lookAtAll = true; // somebody changed a state
+    Clock::time_point m_lastLook;
+    long m_waitMs = 0;
+};
+
+Worker::Worker() : m_engine(md::httpEngine()), m_multi(curl_multi_init())
+{
+    const MdpFairLock engineLock(m_engine.mutex);
+    m_engine.multi = m_multi;
+    m_engine.sockets.attach(m_multi);
+}
+
+bool Worker::pass()
+{
+    ++m_engine.passes;
+    {
+        const MdpFairLock engineLock(m_engine.mutex);
+        if (m_engine.shutdown) {
+            return false;
+        }
+        actOnStates();
+        drive();
+    }
+    Completion completion;
+    while (nextCompletion(completion)) {
+        report(completion);
+        completion = {};
+    }
+    prepareWait();
+    wait();
+    return true;
+}
+
+// States change only through calls that wake the worker; the timed rules of a pause want a look per beat.
+void Worker::actOnStates()
+{
+    const auto now = Clock::now();
+    if (!m_lookAtAll && m_hasPipe && now - m_lastLook < std::chrono::milliseconds(kLongestWaitMs)) {
+        return;
+    }
+    m_lookAtAll = false;
+    m_lastLook = now;
+    md::snapshotRegistry(m_snapshot);
+    for (const md::MdchDescriptorPtr& desc : m_snapshot) {
+        MdpLock lock = md::lockDescriptor(*desc);
+        const Rest rest = actOnState(*desc);
+        CURL* easy = desc->easy; // the engine's lock keeps it alive
+        lock.unlock();
+        if (rest == Rest::kLetFlow) {
+            curl_easy_pause(easy, CURLPAUSE_CONT);
+        } else if (rest == Rest::kUnregister) {
+            md::unregisterDescriptor(*desc);
+            MDCH_TRACE(md::kTraceCall, "%s:%d:%s(): connection is finalized on fd %i.\n", MDCH_WORKER_HERE,
+                       desc->fd);
+        }
+    }
+    m_snapshot.clear();
+}
+
+Worker::Rest Worker::actOnState(MdchCurlDescriptor_struct& desc)
+{
+    switch (desc.state) {
+    case md::kStateConfigured:
+        MDCH_TRACE(md::kTraceCall, "%s:%d:%s(): Start MultiHandle on fd %i.\n", MDCH_WORKER_HERE, desc.fd);
+        desc.state = md::kStateRunning;
+        md::addToMulti(m_engine, desc);
+        return Rest::kNothing;
+    case md::kStatePaused:
+        return actOnPaused(desc);
+    case md::kStateFinalise:
+        finalise(desc);
+        return Rest::kUnregister;
+    default:
+        return Rest::kNothing;
+    }
+}
+
+Worker::Rest Worker::actOnPaused(MdchCurlDescriptor_struct& desc)
+{
+    if (desc.paused == 0) {
+        MDCH_TRACE(md::kTraceCall, "%s:%d:%s(): continue fd %i.\n", MDCH_WORKER_HERE, desc.fd);
+        desc.state = md::kStateRunning; // before the bytes flow: their callback may pause again
+        return Rest::kLetFlow;
+    }
+    if (!desc.pauseBuffering) {
+        return Rest::kNothing;
+    }
+    const time_t idle = time(nullptr) - desc.lastDataTime;
+    const bool seekable = (desc.capabilities & MDCH_CAPABILITY_BYTE_SEEK) != 0;
+    if (!seekable && idle > kContinueInPauseSeconds) {
+        // A server that cannot seek must not drop the connection: data flows into the back buffer.
+        MDCH_TRACE(md::kTraceNotice, "%s:%d:%s(): continue (in pause) fd %i.\n", MDCH_WORKER_HERE, desc.fd);
+        return Rest::kLetFlow;
+    }
+    if (seekable && idle > kCloseInPauseSeconds && !desc.closedInPause) {
+        MDCH_TRACE(md::kTraceNotice, "%s:%d:%s(): close (in pause) fd %i.\n", MDCH_WORKER_HERE, desc.fd);
+        md::removeFromMulti(m_engine, desc);
+        desc.closedInPause = true;
+    }
+    return Rest::kNothing;
+}
+
+void Worker::finalise(MdchCurlDescriptor_struct& desc)
+{
+    md::removeFromMulti(m_engine, desc);
+    if (desc.easy != nullptr) {
+        MDCH_TRACE(md::kTraceCall, "%s:%d:%s(): Before cleanup of fd %i.\n", MDCH_WORKER_HERE, desc.fd);
+        curl_easy_cleanup(desc.easy);
+        desc.easy = nullptr;
+    }
+    MDCH_TRACE(md::kTraceCall, "%s:%d:%s(): After cleanup of fd %i.\n", MDCH_WORKER_HERE, desc.fd);
+    md::freeRequest(desc);
+}
+
+void Worker::drive()
+{
+    int running = 0;
+    if (m_ready) {
+        m_ready = false;
+        for (std::size_t i = m_hasPipe ? 1 : 0; i < m_watched.size(); ++i) {
+            const pollfd& watched = m_watched[i];
+            if (watched.revents == 0) {
+                continue;
+            }
+            int events = (watched.revents & (POLLIN | POLLHUP)) != 0 ? CURL_CSELECT_IN : 0;
+            events |= (watched.revents & POLLOUT) != 0 ? CURL_CSELECT_OUT : 0;
+            events |= (watched.revents & (POLLERR | POLLNVAL)) != 0 ? CURL_CSELECT_ERR : 0;
+            // A socket that went meanwhile is unknown to libcurl, which then does nothing.
+            curl_multi_socket_action(m_multi, watched.fd, events, &running);
+        }
+    }
+    curl_multi_socket_action(m_multi, CURL_SOCKET_TIMEOUT, 0, &running);
+}
+
+bool Worker::nextCompletion(Completion& completion)
+{
+    const MdpFairLock engineLock(m_engine.mutex);
+    int left = 0;
+    while (const CURLMsg* message = curl_multi_info_read(m_multi, &left)) {
+        char* number = nullptr;
+        curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &number);
+        completion.desc = mdchHttpCurl_getContext(static_cast<int>(reinterpret_cast<std::intptr_t>(number)));
+        if (completion.desc == nullptr) {
+            continue;
+        }
+        completion.kind = message->msg;
+        completion.result = message->data.result;
+        const MdpLock lock = md::lockDescriptor(*completion.desc);
+        completion.serial = completion.desc->requestSerial;
+        return true;
+    }
+    return false;
+}
+
+void Worker::report(const Completion& completion)
+{
+    MdchCurlDescriptor_struct& desc = *completion.desc;
+    MDCH_TRACE(md::kTraceCall, "%s(): data transfer done on fd %i. msg=%i result=%i\n", kThreadFunction,
+               desc.fd, static_cast<int>(completion.kind), static_cast<int>(completion.result));
+    const MdpLock lock = md::lockDescriptor(desc);
+    if (completion.serial != desc.requestSerial) {
+        return; // a seek came between: this was the end of the request before
+    }
+    pthread_cond_broadcast(&desc.cond);
+    if (desc.done != 0) {
+        if (desc.error != 0) {
+            MDCH_TRACE(md::kTraceError, "%s(): already done with error on fd %i: %i\n", kThreadFunction,
+                       desc.fd, desc.error);
+        }
+    } else if (completion.kind == CURLMSG_DONE) {
+        desc.done = 1;
+        desc.length = std::max(desc.length, md::kLengthUnknown);
+        desc.error = mdchHttpCurl_errorFromResult(completion.result);
+        if (desc.error == MDCH_HTTP_ENETWORK) {
+            MDCH_TRACE(md::kTraceError, "MDCH_HTTP_ENETWORK for fd %d\n", desc.fd);
+        }
+        if (completion.result != CURLE_OK) {
+            MDCH_TRACE(md::kTraceError, "%s(): received error on fd %i (%i=>%i)\n", kThreadFunction, desc.fd,
+                       static_cast<int>(completion.result), desc.error);
+        }
+    }
+    mdchHttpCurl_wakeSelectWaiters(desc, kThreadFunction);
+}
+
+void Worker::prepareWait()
+{
+    int readEnd = -1;
+    {
+        const MdpLock lock(m_engine.wakeupMutex);
+        readEnd = m_engine.wakeupReadEnd;
+    }
+    m_hasPipe = readEnd > 0;
+    m_watched.clear();
+    const MdpFairLock engineLock(m_engine.mutex);
+    try {
+        if (m_hasPipe) {
+            m_watched.push_back({readEnd, POLLIN, 0});
+        }
+        const auto& sockets = m_engine.sockets.sockets();
+        m_watched.insert(m_watched.end(), sockets.begin(), sockets.end());
+    } catch (const std::bad_alloc&) {
+        m_watched.clear();
+        m_hasPipe = false;
+        MDCH_TRACE(md::kTraceError, "%s(): E: curl_multi_fdset\n", kThreadFunction);
+    }
+    if (curl_multi_timeout(m_multi, &m_waitMs) != CURLM_OK) {
+        m_waitMs = kWaitWithoutTimeoutMs;
+        MDCH_TRACE(md::kTraceError, "%s(): E: curl_multi_timeout\n", kThreadFunction);
+    }
+    // Compared unsigned: -1, no time-out, is capped, too.
+    if (static_cast<unsigned long>(m_waitMs) > static_cast<unsigned long>(kLongestWaitMs)) {
+        m_waitMs = kLongestWaitMs;
+    }
+}
+
+void Worker::wait()
+{
+    if (m_watched.empty()) {
+        constexpr useconds_t kMicrosecondsPerMs = 1000;
+        usleep(static_cast<useconds_t>(m_waitMs) * kMicrosecondsPerMs);
+        MDCH_TRACE(md::kTraceCall, "%s(): returned from sleep\n", kThreadFunction);
+        return;
+    }
+    const int result = poll(m_watched.data(), m_watched.size(), static_cast<int>(m_waitMs));
+    if (result < 0) {
+        const int error = errno;
+        int highest = 0;
+        for (const pollfd& watched : m_watched) {
+            highest = std::max(highest, watched.fd);
+        }
+        MDCH_TRACE(md::kTraceError, "E: select(%i,,,,%li): %i: %s\n", highest + 1, m_waitMs, error,
+                   std::strerror(error));
+    }
+    if (result <= 0) {
+        return; // nothing in m_watched is a result
+    }
+    m_ready = true;
+    if (m_hasPipe && m_watched.front().revents != 0) {
+        MDCH_TRACE(md::kTraceCall, "%s(): returned from wakeup select\n", kThreadFunction);
+        drainWakeups(m_watched.front().fd);
+        m_lookAtAll = true;
+    }
+}
+
+void Worker::drainWakeups(int readEnd)
+{
+    std::array<char, 10> wakes{};
+    while (::read(readEnd, wakes.data(), wakes.size()) == static_cast<ssize_t>(wakes.size())) {
+    }
+}
+
+void Worker::closePipe()
+{
+    HttpEngine& engine = md::httpEngine();
+    std::array<int, 2> ends{-1, -1};
+    {
+        // Forgotten first: a late wake-up must not write into whoever gets the numbers next.
+        const MdpLock lock(engine.wakeupMutex);
+        std::swap(ends[0], engine.wakeupReadEnd);
+        std::swap(ends[1], engine.wakeupWriteEnd);
+    }
+    for (const int end : ends) {
+        if (end >= 0) {
+            ::close(end);
+        }
+    }
+}
+
+void Worker::finish()
+{
+    closePipe();
+    {
+        const MdpFairLock engineLock(m_engine.mutex);
+        md::snapshotRegistry(m_snapshot);
+        for (const md::MdchDescriptorPtr& desc : m_snapshot) {
+            {
+                const MdpLock lock = md::lockDescriptor(*desc);
+                md::removeFromMulti(m_engine, *desc);
+                md::freeRequest(*desc);
+                mdchHttpCurl_endForReaders(*desc, kThreadFunction);
+            }
+            md::unregisterDescriptor(*desc);
+        }
+        m_snapshot.clear();
+        m_engine.multi = nullptr;
+        m_engine.shutdown = false; // the next engine starts with a clear one
+        curl_multi_cleanup(m_multi);
+        m_engine.sockets.clear();
+    }
+    MDCH_TRACE(md::kTraceNotice, "%s:%d:%s(): Finish curl thread\n", MDCH_WORKER_HERE);
+}
+
+} // namespace
+
+namespace md {
+
+void addToMulti(HttpEngine& engine, MdchCurlDescriptor_struct& desc)
+{
+    if (desc.inMulti != 0) {
+        return;
+    }
+    ++desc.requestSerial;
+    if (curl_multi_add_handle(engine.multi, desc.easy) == CURLM_OK) {
+        desc.inMulti = 1;
+        return;
+    }
+    // Without a handle no completion will come: the reader learns it here.
+    MDCH_TRACE(kTraceFatal, "%s(): cannot start the transfer on fd %i\n", __func__, desc.fd);
+    desc.done = 1;
+    desc.error = MDCH_HTTP_EUNKNOWN;
+    pthread_cond_broadcast(&desc.cond);
+    mdchHttpCurl_wakeSelectWaiters(desc, __func__);
+}
+
+void removeFromMulti(HttpEngine& engine, MdchCurlDescriptor_struct& desc)
+{
+    if (desc.inMulti == 0) {
+        return;
+    }
+    desc.inMulti = 0;
+    curl_multi_remove_handle(engine.multi, desc.easy);
+}
+
+} // namespace md
+
+std::int32_t mdchHttpCurl_errorFromResult(CURLcode result)
+{
+    switch (result) {
+    case CURLE_OK:
+        return 0;
+    case CURLE_PEER_FAILED_VERIFICATION: // 60
+        return MDCH_HTTP_ECERT;
+    case CURLE_SSL_CONNECT_ERROR: // 35
+        return MDCH_HTTP_ESSL;
+    case CURLE_COULDNT_RESOLVE_PROXY: // 5
+    case CURLE_COULDNT_RESOLVE_HOST:  // 6
+    case CURLE_COULDNT_CONNECT:       // 7
+    case CURLE_OPERATION_TIMEDOUT:    // 28
+    case CURLE_TOO_MANY_REDIRECTS:    // 47
+    case CURLE_SEND_ERROR:            // 55
+    case CURLE_RECV_ERROR:            // 56
+        return MDCH_HTTP_ENETWORK;
+    case CURLE_PARTIAL_FILE:         // 18
+    case CURLE_HTTP_RETURNED_ERROR:  // 22
+    case CURLE_BAD_CONTENT_ENCODING: // 61
+    case CURLE_FILESIZE_EXCEEDED:    // 63
+        return MDCH_HTTP_ETRANSFER;
+    case CURLE_UNSUPPORTED_PROTOCOL: // 1
+        return MDCH_HTTP_EPROTOCOL;
+    default:
+        return MDCH_HTTP_EUNKNOWN;
+    }
+}
+
+void* mdchHttpCurl_fillBuffer(void* /*argument*/)
+{
+    MDCH_TRACE(md::kTraceNotice, "%s:%d:%s(): Start curl thread\n", MDCH_HERE);
+    Worker worker;
+    while (worker.pass()) {
+    }
+    worker.finish();
+    return nullptr;
+}

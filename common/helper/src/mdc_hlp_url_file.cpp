@@ -1,0 +1,188 @@
+#include "mdc_hlp_url_file.h"
+
+#include "mdc_hlp_trace.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <strings.h>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr const char* kScheme = "file://";
+
+void traceEntry(const char* operation)
+{
+    MDCH_TRACE(md::kTraceCall, "MdchUrlFile::%s() in\n", operation);
+}
+
+// Results are ints: no more than an int can tell is moved at once.
+size_t atMostInt(unsigned int size)
+{
+    return std::min(size, static_cast<unsigned int>(std::numeric_limits<int>::max()));
+}
+
+const char* libraryMode(int mode)
+{
+    switch (mode) {
+    case MDCH_MODE_READ:
+        return "rb";
+    case MDCH_MODE_WRITE:
+        return "wb";
+    default:
+        return nullptr;
+    }
+}
+
+} // namespace
+
+MdchUrlFile::MdchUrlFile()
+{
+    MDCH_TRACE(md::kTraceCall, "MdchUrlFile::%s()\n", "MdchUrlFile");
+}
+
+MdchUrlFile::~MdchUrlFile()
+{
+    MDCH_TRACE(md::kTraceCall, "MdchUrlFile::%s()\n", "~MdchUrlFile");
+    if (m_stream != nullptr) {
+        MdchUrlFile::close();
+    }
+}
+
+int MdchUrlFile::open(const char* url, int mode)
+{
+    traceEntry("open");
+    if (url == nullptr) {
+        return -EINVAL;
+    }
+    const char* path =
+        strncasecmp(url, kScheme, std::strlen(kScheme)) == 0 ? url + std::strlen(kScheme) : url;
+    const char* how = libraryMode(mode);
+    if (how == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
+    m_stream = fopen64(path, how);
+    return m_stream != nullptr ? 0 : -errno;
+}
+
+int MdchUrlFile::close()
+{
+    traceEntry("close");
+    if (m_stream == nullptr) {
+        return 0;
+    }
+    FILE* stream = m_stream;
+    m_stream = nullptr;
+    return fclose(stream);
+}
+
+int MdchUrlFile::read(unsigned char* buffer, unsigned int size)
+{
+    traceEntry("read");
+    if (m_stream == nullptr) {
+        errno = EBADF;
+        return 0;
+    }
+    return static_cast<int>(fread(buffer, 1, atMostInt(size), m_stream));
+}
+
+int MdchUrlFile::write(unsigned char* buffer, unsigned int size)
+{
+    traceEntry("write");
+    if (m_stream == nullptr) {
+        errno = EBADF;
+        return 0;
+    }
+    return static_cast<int>(fwrite(buffer, 1, atMostInt(size), m_stream));
+}
+
+long long MdchUrlFile::tell()
+{
+    traceEntry("tell");
+    if (m_stream == nullptr) {
+        errno = EBADF;
+        return -1;
+    }
+    return ftello64(m_stream);
+}
+
+int MdchUrlFile::seek(long long offset, int whence)
+{
+    traceEntry("seek");
+    if (static_cast<unsigned int>(whence) > SEEK_END) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (m_stream == nullptr) {
+        errno = EBADF;
+        return -1;
+    }
+    return fseeko64(m_stream, offset, whence);
+}
+
+int MdchUrlFile::seekTime(unsigned int /*time*/)
+{
+    MDCH_TRACE(md::kTraceError, "MdchUrlFile::%s() time seek not supported\n", "seekTime");
+    return -1;
+}
+
+int MdchUrlFile::getc()
+{
+    traceEntry("getc");
+    return m_stream != nullptr ? fgetc(m_stream) : -1;
+}
+
+int MdchUrlFile::eof()
+{
+    traceEntry("eof");
+    return m_stream != nullptr ? feof(m_stream) : -1;
+}
+
+int MdchUrlFile::error()
+{
+    traceEntry("error");
+    return m_stream != nullptr ? ferror(m_stream) : 0;
+}
+
+void MdchUrlFile::clearerr()
+{
+    traceEntry("clearerr");
+    if (m_stream != nullptr) {
+        ::clearerr(m_stream);
+    }
+}
+
+int MdchUrlFile::isSeekable()
+{
+    return 1;
+}
+
+unsigned int MdchUrlFile::capability()
+{
+    return MDCH_CAPABILITY_BYTE_SEEK | MDCH_CAPABILITY_STALLING;
+}
+
+long long MdchUrlFile::size()
+{
+    traceEntry("size");
+    if (m_stream == nullptr) {
+        errno = EBADF;
+        return -1;
+    }
+    struct stat64 facts = {};
+    const int result = fstat64(fileno(m_stream), &facts);
+    return result < 0 ? result : facts.st_size;
+}
+
+int MdchUrlFile::pause()
+{
+    return 0;
+}
+
+int MdchUrlFile::resume()
+{
+    return 0;
+}
