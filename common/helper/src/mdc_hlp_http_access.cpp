@@ -206,7 +206,7 @@ HttpAccess::HttpAccess(std::string agent, bool headRequest) : m_userAgent(std::m
 HttpAccess::~HttpAccess()
 {
     if (m_impl.load() != nullptr && !m_closed) {
-        close();
+        HttpAccess::close();
     }
 }
 

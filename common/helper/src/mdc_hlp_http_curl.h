@@ -194,7 +194,7 @@ void mdchHttpCurl_dropFormerRequest(md::MdchCurlDescriptor_struct& desc, MdpLock
  * Builds the libcurl handle for a request from startPos and sets the state to kStateConfigured. Always 0.
  * The descriptor has no handle yet: mdchHttpCurl_discardRequest comes first when it does.
  */
-std::int32_t mdchHttpCurl_initDescriptor(boost::shared_ptr<md::MdchCurlDescriptor_struct> desc,
+std::int32_t mdchHttpCurl_initDescriptor(const boost::shared_ptr<md::MdchCurlDescriptor_struct>& desc,
                                          long long startPos);
 
 /*
@@ -213,16 +213,17 @@ void mdchHttpCurl_rebuildRequestHeaders(md::MdchCurlDescriptor_struct& desc, con
 // --- Moving and holding a transfer (mdc_hlp_http_curl_seek.cpp); any thread, no lock held ---
 
 /* Restarts the transfer at byte position target. A closed or outlived transfer is left alone. */
-void mdchHttpCurl_doSeek(boost::shared_ptr<md::MdchCurlDescriptor_struct> desc, long long target);
+void mdchHttpCurl_doSeek(const boost::shared_ptr<md::MdchCurlDescriptor_struct>& desc, long long target);
 
 /* Restarts the transfer at a play time in milliseconds (DLNA TimeSeekRange). */
-void mdchHttpCurl_doSeekTime(boost::shared_ptr<md::MdchCurlDescriptor_struct> desc, std::uint32_t target);
+void mdchHttpCurl_doSeekTime(const boost::shared_ptr<md::MdchCurlDescriptor_struct>& desc,
+                             std::uint32_t target);
 
 /* Holds the transfer; a seekable one drops its connection. 0, or -EINVAL. */
-std::int32_t mdchHttpCurl_pause(boost::shared_ptr<md::MdchCurlDescriptor_struct> desc);
+std::int32_t mdchHttpCurl_pause(const boost::shared_ptr<md::MdchCurlDescriptor_struct>& desc);
 
 /* Goes on after a pause. 0, or -EINVAL. */
-std::int32_t mdchHttpCurl_resume(boost::shared_ptr<md::MdchCurlDescriptor_struct> desc);
+std::int32_t mdchHttpCurl_resume(const boost::shared_ptr<md::MdchCurlDescriptor_struct>& desc);
 
 // --- Called on the worker thread ---
 

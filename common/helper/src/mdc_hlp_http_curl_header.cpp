@@ -15,7 +15,7 @@ namespace {
 using md::MdchCurlDescriptor_struct;
 
 // A block of header lines larger than this is no answer to wait for: libcurl bounds a line, not their number.
-constexpr std::size_t kMostHeaderBytes = 300U * 1024U;
+constexpr std::size_t kMostHeaderBytes = 307200;
 
 constexpr unsigned long kDlnaStallingFlag = 0x00200000; // primary flags word, bit 21
 

@@ -379,7 +379,7 @@ void mdchHttpCurl_setRange(MdchCurlDescriptor_struct& desc, std::int64_t positio
     }
 }
 
-std::int32_t mdchHttpCurl_initDescriptor(boost::shared_ptr<MdchCurlDescriptor_struct> desc,
+std::int32_t mdchHttpCurl_initDescriptor(const boost::shared_ptr<MdchCurlDescriptor_struct>& desc,
                                          long long startPos)
 {
     allocateReceiveBuffer(*desc, __func__);

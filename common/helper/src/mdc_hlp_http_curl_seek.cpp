@@ -165,7 +165,7 @@ void mdchHttpCurl_resumeFromPause(HttpEngine& engine, MdchCurlDescriptor_struct&
 
 } // namespace
 
-void mdchHttpCurl_doSeek(boost::shared_ptr<MdchCurlDescriptor_struct> desc, long long target)
+void mdchHttpCurl_doSeek(const boost::shared_ptr<MdchCurlDescriptor_struct>& desc, long long target)
 {
     const char* function = __func__;
     onTransfer(desc, function, [&](HttpEngine& engine, MdchCurlDescriptor_struct& locked) {
@@ -175,7 +175,7 @@ void mdchHttpCurl_doSeek(boost::shared_ptr<MdchCurlDescriptor_struct> desc, long
     });
 }
 
-void mdchHttpCurl_doSeekTime(boost::shared_ptr<MdchCurlDescriptor_struct> desc, std::uint32_t target)
+void mdchHttpCurl_doSeekTime(const boost::shared_ptr<MdchCurlDescriptor_struct>& desc, std::uint32_t target)
 {
     const char* function = __func__;
     onTransfer(desc, function, [&](HttpEngine& engine, MdchCurlDescriptor_struct& locked) {
@@ -183,7 +183,7 @@ void mdchHttpCurl_doSeekTime(boost::shared_ptr<MdchCurlDescriptor_struct> desc, 
     });
 }
 
-std::int32_t mdchHttpCurl_pause(boost::shared_ptr<MdchCurlDescriptor_struct> desc)
+std::int32_t mdchHttpCurl_pause(const boost::shared_ptr<MdchCurlDescriptor_struct>& desc)
 {
     const char* function = __func__;
     return onTransfer(desc, function, [&](HttpEngine& engine, MdchCurlDescriptor_struct& locked) {
@@ -191,7 +191,7 @@ std::int32_t mdchHttpCurl_pause(boost::shared_ptr<MdchCurlDescriptor_struct> des
     });
 }
 
-std::int32_t mdchHttpCurl_resume(boost::shared_ptr<MdchCurlDescriptor_struct> desc)
+std::int32_t mdchHttpCurl_resume(const boost::shared_ptr<MdchCurlDescriptor_struct>& desc)
 {
     const char* function = __func__;
     return onTransfer(desc, function, [&](HttpEngine& engine, MdchCurlDescriptor_struct& locked) {

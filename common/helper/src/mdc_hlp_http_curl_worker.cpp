@@ -245,11 +245,13 @@ void Worker::report(const Completion& completion)
     } else if (completion.kind == CURLMSG_DONE) {
         desc.done = 1;
         desc.length = std::max(desc.length, md::kLengthUnknown);
-        desc.error = mdchHttpCurl_errorFromResult(completion.result);
+        // libcurl takes a connection that ends inside the header for an empty body; it is a dropped one.
+        const bool headerCutOff = completion.result == CURLE_OK && desc.headerBlockEnded == 0;
+        desc.error = headerCutOff ? MDCH_HTTP_ETRANSFER : mdchHttpCurl_errorFromResult(completion.result);
         if (desc.error == MDCH_HTTP_ENETWORK) {
             MDCH_TRACE(md::kTraceError, "MDCH_HTTP_ENETWORK for fd %d\n", desc.fd);
         }
-        if (completion.result != CURLE_OK) {
+        if (desc.error != 0) {
             MDCH_TRACE(md::kTraceError, "%s(): received error on fd %i (%i=>%i)\n", kThreadFunction, desc.fd,
                        static_cast<int>(completion.result), desc.error);
         }

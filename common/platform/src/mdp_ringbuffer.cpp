@@ -11,7 +11,8 @@ int MdpRingBuffer::init(void* memory, size_t size)
     if ((memory == nullptr) != (size == 0)) {
         return -EINVAL;
     }
-    m_memory = static_cast<unsigned char*>(memory);
+    static unsigned char nothing = 0; // tells a buffer without room from one that was never set up
+    m_memory = size > 0 ? static_cast<unsigned char*>(memory) : &nothing;
     m_size = size;
     return 0;
 }
