@@ -4,12 +4,12 @@
  * A descriptor is shared between the stream that reads from it and the worker that fills it, and is found
  * only through the registry, by the number that libcurl hands back to its callbacks. The units:
  *
- *   mdc_hlp_http_curl.cpp          descriptor, registry, wake-up pipe
- *   mdc_hlp_http_curl_request.cpp  a descriptor becomes a configured libcurl handle
- *   mdc_hlp_http_curl_header.cpp   response header lines
- *   mdc_hlp_http_curl_write.cpp    body bytes
- *   mdc_hlp_http_curl_worker.cpp   the worker's loop
- *   mdc_hlp_http_curl_seek.cpp     seek, time seek, pause, resume
+ *   mdc_hlp_http_curl.cpp                             descriptor, registry, wake-up pipe, error codes
+ *   mdc_hlp_http_curl_request.cpp, _request_tls.cpp   a descriptor becomes a configured libcurl handle
+ *   mdc_hlp_http_curl_header.cpp, _header_rules.cpp   response header blocks, and the rules for a line
+ *   mdc_hlp_http_curl_write.cpp                       body bytes
+ *   mdc_hlp_http_curl_worker.cpp, _sockets.cpp        the worker's loop, and what it watches
+ *   mdc_hlp_http_curl_seek.cpp                        seek, time seek, pause, resume
  *
  * Locks, always taken in this order: engine (multi handle, shutdown flag), registry (map of numbers),
  * descriptor, select waiter. libcurl is never called while the registry is locked: its callbacks look
@@ -144,6 +144,16 @@ inline MdpLock lockDescriptor(MdchCurlDescriptor_struct& desc)
 
 using MdchDescriptorPtr = boost::shared_ptr<MdchCurlDescriptor_struct>;
 
+/* A stream's number as libcurl's callbacks get it, and back. */
+inline void* numberAsPointer(std::int32_t number)
+{
+    return reinterpret_cast<void*>(static_cast<std::intptr_t>(number));
+}
+inline std::int32_t pointerAsNumber(const void* pointer)
+{
+    return static_cast<std::int32_t>(reinterpret_cast<std::intptr_t>(pointer));
+}
+
 /* Bytes received and not yet read. Caller holds the descriptor's mutex. */
 inline std::size_t bufferedBytes(const MdchCurlDescriptor_struct& desc)
 {
@@ -209,6 +219,10 @@ void mdchHttpCurl_setRange(md::MdchCurlDescriptor_struct& desc, std::int64_t pos
 /* Hands requestHeaderLines, and extraLine if not null, to the handle as its header list. */
 void mdchHttpCurl_rebuildRequestHeaders(md::MdchCurlDescriptor_struct& desc, const char* extraLine,
                                         const char* function);
+
+/* The TLS options of an "https://" transfer; nothing for others. (mdc_hlp_http_curl_request_tls.cpp) */
+void mdchHttpCurl_applyTls(const boost::shared_ptr<md::MdchCurlDescriptor_struct>& desc,
+                           const char* function);
 
 // --- Moving and holding a transfer (mdc_hlp_http_curl_seek.cpp); any thread, no lock held ---
 

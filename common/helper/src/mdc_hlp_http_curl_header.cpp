@@ -3,12 +3,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cinttypes>
-#include <cstdlib>
-#include <cstring>
-#include <limits>
 #include <new>
 #include <strings.h>
+#include <utility>
 
 namespace {
 
@@ -16,147 +13,6 @@ using md::MdchCurlDescriptor_struct;
 
 // A block of header lines larger than this is no answer to wait for: libcurl bounds a line, not their number.
 constexpr std::size_t kMostHeaderBytes = 307200;
-
-constexpr unsigned long kDlnaStallingFlag = 0x00200000; // primary flags word, bit 21
-
-const char* findIgnoringCase(const std::string& line, const char* name)
-{
-    // A NUL in a line ends what is searched, so no name is found in what a server hid behind it.
-    return strcasestr(line.c_str(), name);
-}
-
-void setCapability(MdchCurlDescriptor_struct& desc, std::uint32_t bit, bool on)
-{
-    desc.capabilities = on ? desc.capabilities | bit : desc.capabilities & ~bit;
-}
-
-// A decimal number that fits, as strtoll reads it, and where it ends.
-bool parseNumber(const char* text, std::int64_t& number)
-{
-    char* end = nullptr;
-    errno = 0;
-    const long long value = std::strtoll(text, &end, 10);
-    if (end == text || errno == ERANGE) {
-        return false;
-    }
-    number = value;
-    return true;
-}
-
-// The first byte of "bytes FIRST-LAST/TOTAL" (RFC 9110, 14.4); -1 for "bytes */TOTAL" and anything else.
-std::int64_t firstByteOf(const char* contentRange)
-{
-    const char* unit = strcasestr(contentRange, "bytes");
-    if (unit == nullptr) {
-        return -1;
-    }
-    const char* at = unit + std::strlen("bytes");
-    at += std::strspn(at, " \t=:");
-    std::int64_t first = -1;
-    return *at >= '0' && *at <= '9' && parseNumber(at, first) ? first : -1;
-}
-
-void parseContentRange(MdchCurlDescriptor_struct& desc, const char* range, const char* function)
-{
-    MDCH_TRACE(md::kTraceCall, "%s(): allow seek on fd %i. (Content-Range)\n", function, desc.fd);
-    setCapability(desc, MDCH_CAPABILITY_BYTE_SEEK, true);
-    desc.contentRangeStart = firstByteOf(range);
-    const char* slash = std::strchr(range, '/');
-    if (slash == nullptr) {
-        return;
-    }
-    std::int64_t total = 0;
-    if (!parseNumber(slash + 1, total)) {
-        MDCH_TRACE(md::kTraceError, "%s(): instance length invalid '%s' on fd %i. \n", function, slash + 1,
-                   desc.fd);
-        return;
-    }
-    MDCH_TRACE(md::kTraceCall, "%s(): instance length %lli on fd %i. \n", function,
-               static_cast<long long>(total), desc.fd);
-    desc.instanceLength = total;
-}
-
-void parseAcceptRanges(MdchCurlDescriptor_struct& desc, const std::string& line, const char* function)
-{
-    const bool allowed = findIgnoringCase(line, "none") == nullptr;
-    if (allowed) {
-        MDCH_TRACE(md::kTraceCall, "%s(): allow seek on fd %i. (Accept-Ranges)\n", function, desc.fd);
-    } else {
-        MDCH_TRACE(md::kTraceCall, "%s(): disallow seek on fd %i. (Accept-Ranges: none)\n", function,
-                   desc.fd);
-    }
-    setCapability(desc, MDCH_CAPABILITY_BYTE_SEEK, allowed);
-}
-
-// DLNA guidelines, 4th field of protocolInfo: OP is two flags, time seek and byte seek.
-void parseDlnaOperations(MdchCurlDescriptor_struct& desc, const std::string& line, const char* function)
-{
-    constexpr const char* kName = "DLNA.ORG_OP=";
-    const char* found = findIgnoringCase(line, kName);
-    if (found != nullptr) {
-        const char* flags = found + std::strlen(kName);
-        if (flags[0] == '1') {
-            MDCH_TRACE(md::kTraceCall, "%s(): allow seek on fd %i. (dlna time seek)\n", function, desc.fd);
-            setCapability(desc, MDCH_CAPABILITY_TIME_SEEK, true);
-        }
-        if (flags[0] != '\0' && flags[1] == '1') {
-            MDCH_TRACE(md::kTraceCall, "%s(): allow seek on fd %i. (dlna byte seek)\n", function, desc.fd);
-            setCapability(desc, MDCH_CAPABILITY_BYTE_SEEK, true);
-        }
-    }
-    if ((desc.capabilities & (MDCH_CAPABILITY_BYTE_SEEK | MDCH_CAPABILITY_TIME_SEEK)) == 0) {
-        MDCH_TRACE(md::kTraceCall, "%s(): disallow seek on fd %i. (missing DLNA.ORG_OP) %s\n", function,
-                   desc.fd, line.c_str());
-    }
-}
-
-void parseDlnaFlags(MdchCurlDescriptor_struct& desc, const std::string& line, const char* function)
-{
-    constexpr const char* kName = "DLNA.ORG_FLAGS=";
-    constexpr std::size_t kPrimaryDigits = 8;
-    const char* found = findIgnoringCase(line, kName);
-    if (found == nullptr) {
-        return;
-    }
-    const char* value = found + std::strlen(kName);
-    const std::string primary(value, strnlen(value, kPrimaryDigits));
-    const unsigned long flags = std::strtoul(primary.c_str(), nullptr, 16);
-    MDCH_TRACE(md::kTraceCall, "%s(): dlna flags on fd %i. 0x%08x %s\n", function, desc.fd,
-               static_cast<unsigned int>(flags), primary.c_str());
-    if ((flags & kDlnaStallingFlag) != 0) {
-        MDCH_TRACE(md::kTraceCall, "%s(): dlna connection stalling flag on fd %i. \n", function, desc.fd);
-        setCapability(desc, MDCH_CAPABILITY_STALLING, true);
-    } else {
-        MDCH_TRACE(md::kTraceCall, "%s(): dlna no connection stalling flag on fd %i. \n", function, desc.fd);
-    }
-}
-
-void parseContentFeatures(MdchCurlDescriptor_struct& desc, const std::string& line, const char* function)
-{
-    desc.capabilities = 0;
-    if (std::strchr(line.c_str(), '*') != nullptr) {
-        MDCH_TRACE(md::kTraceCall, "%s(): allow all on fd %i. (dlna *)\n", function, desc.fd);
-        desc.capabilities = MDCH_CAPABILITY_BYTE_SEEK | MDCH_CAPABILITY_STALLING;
-    }
-    parseDlnaOperations(desc, line, function);
-    parseDlnaFlags(desc, line, function);
-}
-
-void parseTimeSeekRange(MdchCurlDescriptor_struct& desc, const char* bytes, const char* function)
-{
-    // No number, a sign or one that no position can hold: the position stays as it is.
-    std::int64_t position = 0;
-    if (*bytes < '0' || *bytes > '9' || !parseNumber(bytes, position)) {
-        return;
-    }
-    MDCH_TRACE(md::kTraceCall, "%s(): dlna TimeSeekRange.dlna.org on fd %i.  newPos=%lli\n", function,
-               desc.fd, static_cast<long long>(position));
-    // A response to a Range begins where Content-Range says, whatever else the server adds.
-    if (desc.requestedStart <= 0) {
-        desc.writePos = position;
-        desc.startPos = position;
-    }
-}
 
 // The position of a response's end: its Content-Length behind the position of its first byte.
 std::int64_t lengthFrom(const MdchCurlDescriptor_struct& desc, std::int64_t contentLength)
@@ -193,6 +49,26 @@ void endWithError(MdchCurlDescriptor_struct& desc, std::int32_t error)
     desc.error = error;
 }
 
+// A body that begins behind the position asked for: none of it can be used.
+void refuseMisplaced(MdchCurlDescriptor_struct& desc, std::int64_t first, std::int64_t wanted,
+                     const char* function)
+{
+    MDCH_TRACE(md::kTraceError, "%s(): response starts at %lld instead of %lld on fd %i\n", function,
+               static_cast<long long>(first), static_cast<long long>(wanted), desc.fd);
+    endWithError(desc, MDCH_HTTP_ETRANSFER);
+    desc.misplaced = true;
+}
+
+// Whether a request without a Range of ours may be answered with a part: a time seek, whose response tells its
+// position, and a request to which the caller added a Range.
+bool mayStartAnywhere(const MdchCurlDescriptor_struct& desc)
+{
+    const auto& lines = desc.requestHeaderLines;
+    return desc.rebuildHeaders || std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
+               return strncasecmp(line.c_str(), "Range:", 6) == 0;
+           });
+}
+
 // Where the response's body begins, measured against the Range that was sent. A server may answer with the
 // whole resource, or begin elsewhere; what comes before the position asked for is dropped, and a body that
 // begins behind it cannot be used.
@@ -202,6 +78,9 @@ void alignWithRange(MdchCurlDescriptor_struct& desc, long status, const char* fu
     desc.leadingSkip = 0;
     desc.misplaced = false;
     if (desc.requestedStart < 0) {
+        if (status == kPartialContent && desc.contentRangeStart > 0 && !mayStartAnywhere(desc)) {
+            refuseMisplaced(desc, desc.contentRangeStart, 0, function);
+        }
         return;
     }
     std::int64_t first = desc.requestedStart;
@@ -211,15 +90,13 @@ void alignWithRange(MdchCurlDescriptor_struct& desc, long status, const char* fu
         first = 0;
     }
     if (first > desc.requestedStart) {
-        MDCH_TRACE(md::kTraceError, "%s(): response starts at %lld instead of %lld on fd %i\n", function,
-                   static_cast<long long>(first), static_cast<long long>(desc.requestedStart), desc.fd);
-        endWithError(desc, MDCH_HTTP_ETRANSFER);
-        desc.misplaced = true;
+        refuseMisplaced(desc, first, desc.requestedStart, function);
         return;
     }
     desc.leadingSkip = desc.requestedStart - first;
     if (desc.leadingSkip > 0 && desc.contentRangeStart < 0) {
-        setCapability(desc, MDCH_CAPABILITY_BYTE_SEEK, false); // it ignored the Range, and will again
+        desc.capabilities &=
+            ~static_cast<std::uint32_t>(MDCH_CAPABILITY_BYTE_SEEK); // it ignored the Range, and will again
     }
 }
 
@@ -337,27 +214,11 @@ bool isBlankLine(const char* data, std::size_t size)
 
 } // namespace
 
-void mdchHttpParseHeaderLine(MdchCurlDescriptor_struct& desc, const std::string& line)
-{
-    if (const char* range = findIgnoringCase(line, "Content-Range")) {
-        parseContentRange(desc, range, __func__);
-    } else if (findIgnoringCase(line, "Accept-Ranges") != nullptr) {
-        parseAcceptRanges(desc, line, __func__);
-    } else if (findIgnoringCase(line, "contentFeatures.dlna.org") != nullptr) {
-        parseContentFeatures(desc, line, __func__);
-    } else if (findIgnoringCase(line, "TimeSeekRange.dlna.org") != nullptr) {
-        constexpr const char* kBytes = "bytes=";
-        if (const char* bytes = findIgnoringCase(line, kBytes)) {
-            parseTimeSeekRange(desc, bytes + std::strlen(kBytes), __func__);
-        }
-    }
-}
-
 size_t mdchHttpCurl_headerCallback(char* line, size_t size, size_t nmemb, void* userData)
 {
     MDCH_TRACE(md::kTraceCall, "%s:%d:%s(): Called.\n", MDCH_HERE);
     const size_t count = size * nmemb;
-    const auto fd = static_cast<int>(reinterpret_cast<std::intptr_t>(userData));
+    const std::int32_t fd = md::pointerAsNumber(userData);
     const md::MdchDescriptorPtr desc = mdchHttpCurl_getContext(fd);
     if (desc == nullptr) {
         MDCH_TRACE(md::kTraceError, "%s(): received header callback for unknown fd %i\n", __func__, fd);

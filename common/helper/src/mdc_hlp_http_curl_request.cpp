@@ -15,19 +15,6 @@ namespace {
 
 using md::MdchCurlDescriptor_struct;
 
-// RC4 stays in the list: OpenSSL skips what it does not have.
-constexpr const char* kCipherList =
-    "ECDHE-RSA-AES256-GCM-SHA384:ECDHE-RSA-AES128-GCM-SHA256:ECDHE-RSA-AES256-SHA384:"
-    "ECDHE-RSA-AES128-SHA256:ECDHE-RSA-AES256-SHA:ECDHE-RSA-AES128-SHA:ECDHE-RSA-RC4-SHA:"
-    "DHE-RSA-AES256-GCM-SHA384:DHE-RSA-AES128-GCM-SHA256:DHE-RSA-AES256-SHA256:"
-    "DHE-RSA-AES128-SHA256:DHE-RSA-AES256-SHA:DHE-RSA-AES128-SHA:AES256-GCM-SHA384:"
-    "AES128-GCM-SHA256:AES256-SHA256:AES128-SHA256:AES256-SHA:AES128-SHA";
-
-void* numberAsPointer(std::int32_t number)
-{
-    return reinterpret_cast<void*>(static_cast<std::intptr_t>(number));
-}
-
 // libcurl refuses a blank in a URL; players have them in their lists. Nothing else is touched.
 std::string withEscapedBlanks(const std::string& url)
 {
@@ -91,7 +78,7 @@ curl_socket_t openSocket(void* /*context*/, curlsocktype /*purpose*/, curl_socka
 void setBasics(MdchCurlDescriptor_struct& desc)
 {
     CURL* easy = desc.easy;
-    void* number = numberAsPointer(desc.fd);
+    void* number = md::numberAsPointer(desc.fd);
     curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, static_cast<long>(desc.followLocation));
     curl_easy_setopt(easy, CURLOPT_MAXREDIRS, static_cast<long>(desc.maxRedirects));
     curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
@@ -176,87 +163,6 @@ void applyCookies(MdchCurlDescriptor_struct& desc, const char* function)
     }
     MDCH_TRACE(md::kTraceCall, "%s() add cookies to request: %s\n", function, desc.cookies.c_str());
     curl_easy_setopt(desc.easy, CURLOPT_COOKIE, desc.cookies.c_str());
-}
-
-// Verification against the transfer's own list. A pooled connection or a resumed session was verified against
-// another list, or none, so neither may be used; nor may others use this one, hence it is not kept.
-void verifyAgainstOwnList(const MdchCurlDescriptor_struct& desc, long verifyHost)
-{
-    CURL* easy = desc.easy;
-    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, verifyHost);
-    curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, mdchHttpCurl_sslctxCallback);
-    curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, numberAsPointer(desc.fd));
-    curl_easy_setopt(easy, CURLOPT_CAINFO, nullptr);
-    curl_easy_setopt(easy, CURLOPT_FRESH_CONNECT, 1L);
-    curl_easy_setopt(easy, CURLOPT_FORBID_REUSE, 1L);
-    curl_easy_setopt(easy, CURLOPT_SSL_SESSIONID_CACHE, 0L);
-    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
-}
-
-void verifyNothing(const MdchCurlDescriptor_struct& desc, const char* function)
-{
-    MDCH_TRACE(md::kTraceNotice, "%s:%d:%s(): not verifying host side\n", md::traceBaseName(__FILE__),
-               __LINE__, function);
-    curl_easy_setopt(desc.easy, CURLOPT_SSL_VERIFYHOST, 0L);
-    curl_easy_setopt(desc.easy, CURLOPT_SSL_VERIFYPEER, 0L);
-}
-
-void applyVerification(const md::MdchDescriptorPtr& ptr, const char* function)
-{
-    MdchCurlDescriptor_struct& desc = *ptr;
-    const bool ownCertificates = desc.certificates != nullptr;
-    if (ownCertificates && !desc.caPath.empty()) {
-        MDCH_TRACE(md::kTraceNotice, "%s(): do not use X509 and ca_path simultaneously for fd %i\n", function,
-                   desc.fd);
-    }
-    if (!desc.verifyHost) {
-        verifyNothing(desc, function);
-    } else if (ownCertificates) {
-        MDCH_TRACE(md::kTraceCall, "%s(): request secured connection via X509 for fd %i\n", function,
-                   desc.fd);
-        verifyAgainstOwnList(desc, 1L);
-    } else if (desc.caPath.empty()) {
-        MDCH_TRACE(md::kTraceCall, "%s(): Neither X509 nor ca_path set for https on fd %i\n", function,
-                   desc.fd);
-        curl_easy_setopt(desc.easy, CURLOPT_SSL_VERIFYPEER, 1L);
-    } else {
-        MDCH_TRACE(md::kTraceCall, "%s(): request secured connection via ca_path for fd %i\n", function,
-                   desc.fd);
-        md::mdchHttpSsl_AddCertificates(ptr, desc.caPath);
-        desc.certificatesFromPath = true;
-        verifyAgainstOwnList(desc, 2L);
-    }
-}
-
-void applyClientCertificate(const MdchCurlDescriptor_struct& desc, const char* function)
-{
-    if (!desc.clientCertificate.empty()) {
-        MDCH_TRACE(md::kTraceCall, "%s(): set client certificate for fd %i\n", function, desc.fd);
-        curl_easy_setopt(desc.easy, CURLOPT_SSLCERT, desc.clientCertificate.c_str());
-        if (strcasestr(desc.clientCertificate.c_str(), ".p12") != nullptr) {
-            MDCH_TRACE(md::kTraceCall, "%s(): certificate type is P12 for fd %i\n", function, desc.fd);
-            curl_easy_setopt(desc.easy, CURLOPT_SSLCERTTYPE, "P12");
-        }
-    }
-    if (!desc.keyPassword.empty()) {
-        MDCH_TRACE(md::kTraceCall, "%s(): setting ssl key passswd\n", function);
-    }
-    // Also when empty: without it OpenSSL would ask for a pass phrase on the terminal.
-    curl_easy_setopt(desc.easy, CURLOPT_KEYPASSWD, desc.keyPassword.c_str());
-}
-
-void applyTls(const md::MdchDescriptorPtr& desc, const char* function)
-{
-    applyVerification(desc, function);
-    curl_easy_setopt(desc->easy, CURLOPT_SSL_CIPHER_LIST, kCipherList);
-    applyClientCertificate(*desc, function);
-    curl_easy_setopt(desc->easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1));
-}
-
-bool isHttps(const std::string& url)
-{
-    constexpr const char* kScheme = "https://";
-    return strncasecmp(url.c_str(), kScheme, std::strlen(kScheme)) == 0;
 }
 
 void forgetReceived(MdchCurlDescriptor_struct& desc)
@@ -412,9 +318,7 @@ std::int32_t mdchHttpCurl_initDescriptor(const boost::shared_ptr<MdchCurlDescrip
         mdchHttpCurl_rebuildRequestHeaders(*desc, nullptr, __func__);
     }
     applyCookies(*desc, __func__);
-    if (isHttps(desc->url)) {
-        applyTls(desc, __func__);
-    }
+    mdchHttpCurl_applyTls(desc, __func__);
     appendTo(desc->http200Aliases, "ICY 200 OK");
     curl_easy_setopt(easy, CURLOPT_HTTP200ALIASES, desc->http200Aliases);
     desc->state = md::kStateConfigured;

@@ -214,7 +214,7 @@ bool Worker::nextCompletion(Completion& completion)
     while (const CURLMsg* message = curl_multi_info_read(m_multi, &left)) {
         char* number = nullptr;
         curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &number);
-        completion.desc = mdchHttpCurl_getContext(static_cast<int>(reinterpret_cast<std::intptr_t>(number)));
+        completion.desc = mdchHttpCurl_getContext(md::pointerAsNumber(number));
         if (completion.desc == nullptr) {
             continue;
         }
@@ -368,66 +368,6 @@ void Worker::finish()
 }
 
 } // namespace
-
-namespace md {
-
-void addToMulti(HttpEngine& engine, MdchCurlDescriptor_struct& desc)
-{
-    if (desc.inMulti != 0) {
-        return;
-    }
-    ++desc.requestSerial;
-    if (curl_multi_add_handle(engine.multi, desc.easy) == CURLM_OK) {
-        desc.inMulti = 1;
-        return;
-    }
-    // Without a handle no completion will come: the reader learns it here.
-    MDCH_TRACE(kTraceFatal, "%s(): cannot start the transfer on fd %i\n", __func__, desc.fd);
-    desc.done = 1;
-    desc.error = MDCH_HTTP_EUNKNOWN;
-    pthread_cond_broadcast(&desc.cond);
-    mdchHttpCurl_wakeSelectWaiters(desc, __func__);
-}
-
-void removeFromMulti(HttpEngine& engine, MdchCurlDescriptor_struct& desc)
-{
-    if (desc.inMulti == 0) {
-        return;
-    }
-    desc.inMulti = 0;
-    curl_multi_remove_handle(engine.multi, desc.easy);
-}
-
-} // namespace md
-
-std::int32_t mdchHttpCurl_errorFromResult(CURLcode result)
-{
-    switch (result) {
-    case CURLE_OK:
-        return 0;
-    case CURLE_PEER_FAILED_VERIFICATION: // 60
-        return MDCH_HTTP_ECERT;
-    case CURLE_SSL_CONNECT_ERROR: // 35
-        return MDCH_HTTP_ESSL;
-    case CURLE_COULDNT_RESOLVE_PROXY: // 5
-    case CURLE_COULDNT_RESOLVE_HOST:  // 6
-    case CURLE_COULDNT_CONNECT:       // 7
-    case CURLE_OPERATION_TIMEDOUT:    // 28
-    case CURLE_TOO_MANY_REDIRECTS:    // 47
-    case CURLE_SEND_ERROR:            // 55
-    case CURLE_RECV_ERROR:            // 56
-        return MDCH_HTTP_ENETWORK;
-    case CURLE_PARTIAL_FILE:         // 18
-    case CURLE_HTTP_RETURNED_ERROR:  // 22
-    case CURLE_BAD_CONTENT_ENCODING: // 61
-    case CURLE_FILESIZE_EXCEEDED:    // 63
-        return MDCH_HTTP_ETRANSFER;
-    case CURLE_UNSUPPORTED_PROTOCOL: // 1
-        return MDCH_HTTP_EPROTOCOL;
-    default:
-        return MDCH_HTTP_EUNKNOWN;
-    }
-}
 
 void* mdchHttpCurl_fillBuffer(void* /*argument*/)
 {

@@ -153,7 +153,7 @@ std::size_t mdchHttpCurl_refillFromBackBuffer(MdchCurlDescriptor_struct& desc)
 
 size_t mdchHttpCurl_writeCallback(char* data, size_t size, size_t nmemb, void* userData)
 {
-    const auto fd = static_cast<int>(reinterpret_cast<std::intptr_t>(userData));
+    const std::int32_t fd = md::pointerAsNumber(userData);
     const std::size_t count = size * nmemb;
     MDCH_TRACE(md::kTraceCall, "%s:%d:%s(): Called. fd: %i; size: %i\n", MDCH_HERE, fd,
                static_cast<int>(count));

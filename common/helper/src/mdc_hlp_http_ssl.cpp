@@ -34,11 +34,6 @@ using Directory = std::unique_ptr<DIR, CloseDirectory>;
 using File = std::unique_ptr<FILE, CloseFile>;
 using Certificate = std::unique_ptr<X509, FreeCertificate>;
 
-int numberOf(void* pointer)
-{
-    return static_cast<int>(reinterpret_cast<std::intptr_t>(pointer));
-}
-
 // Without a callback OpenSSL would ask for the pass phrase of an encrypted file on the terminal.
 int noPassPhrase(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*context*/)
 {
@@ -155,7 +150,7 @@ void mdchHttpSsl_cleanupCerts(stack_st_X509* certificates)
 
 int mdchHttpSsl_verifyCertificateCallback(x509_store_ctx_st* storeContext, void* fd)
 {
-    const int number = numberOf(fd);
+    const int number = md::pointerAsNumber(fd);
     const md::MdchDescriptorPtr desc = mdchHttpCurl_getContext(number);
     if (storeContext == nullptr || desc == nullptr) {
         return 0;
@@ -179,7 +174,8 @@ CURLcode mdchHttpCurl_sslctxCallback(CURL* /*easy*/, void* sslContext, void* use
     if (sslContext == nullptr) {
         return CURLE_PEER_FAILED_VERIFICATION;
     }
-    MDCH_TRACE(md::kTraceCall, "%s(): got sslctx callback for fd %i\n", __func__, numberOf(userData));
+    MDCH_TRACE(md::kTraceCall, "%s(): got sslctx callback for fd %i\n", __func__,
+               md::pointerAsNumber(userData));
     auto* context = static_cast<SSL_CTX*>(sslContext);
     SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
     SSL_CTX_set_cert_verify_callback(context, mdchHttpSsl_verifyCertificateCallback, userData);
