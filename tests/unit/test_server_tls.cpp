@@ -79,7 +79,9 @@ public:
             X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl_.get()), options.host.c_str());
         } else if (!options.host.empty()) {
             SSL_set1_host(ssl_.get(), options.host.c_str());
-            SSL_set_tlsext_host_name(ssl_.get(), options.host.c_str());
+            // What SSL_set_tlsext_host_name does, without its C cast.
+            std::string name = options.host;
+            SSL_ctrl(ssl_.get(), SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name, name.data());
         }
         ERR_clear_error();
         connected_ = SSL_connect(ssl_.get()) == 1;

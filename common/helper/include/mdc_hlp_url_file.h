@@ -2,14 +2,18 @@
  * Streams over local files: a thin layer over the C library's buffered streams with 64-bit positions.
  *
  * "file://" in front of a path is taken away, whatever its case; nothing else is decoded, so
- * "file://media/x" is the relative path "media/x". One caller at a time; no lock.
+ * "file://media/x" is the relative path "media/x". One caller at a time, but for close: it may come while
+ * another thread is inside an operation, and the file is closed when the last of them returns. The object's
+ * mutex guards which file is open, nothing more.
  */
 #ifndef MDC_HLP_URL_FILE_H
 #define MDC_HLP_URL_FILE_H
 
 #include "mdc_hlp_url_base.h"
+#include "mdp_thread.h"
 
 #include <cstdio>
+#include <memory>
 
 class MDCH_API MdchUrlFile : public MdchUrlBase
 {
@@ -20,11 +24,11 @@ public:
     /*
      * mode 0 reads, 1 creates or truncates. Returns 0 or a negated errno value; any other mode gives -1 with
      * errno EINVAL and touches nothing. -EINVAL for a null url. An earlier open file of the same object is
-     * not closed first.
+     * not closed first, but afterwards, whether or not the new one could be opened.
      */
     int open(const char* url, int mode) override;
 
-    /* fclose's result; 0 when not open. */
+    /* fclose's result; 0 when not open, and when another thread's operation still uses the file. */
     int close() override;
 
     /* On a closed stream: read and write give 0, tell, seek and size -1, each with errno EBADF. */
@@ -56,7 +60,11 @@ public:
     int resume() override;
 
 private:
-    FILE* m_stream = nullptr;
+    class File;
+    class Use;
+
+    MdpMutex m_mutex;
+    std::shared_ptr<File> m_stream; // guarded by m_mutex; empty when not open
 };
 
 #endif

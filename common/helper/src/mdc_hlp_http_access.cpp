@@ -224,7 +224,9 @@ int HttpAccess::read(unsigned char* buffer, unsigned int size)
     }
     // Results are ints: no more than an int can tell is read at once.
     Reading reading{buffer, std::min<std::size_t>(size, std::numeric_limits<int>::max())};
-    if (desc->connected == 0 && (buffer == nullptr || size == 0 || !desc->acceptAfterDone)) {
+    // What came before a resume that failed is there to be read, connected or not.
+    const bool mayRead = desc->acceptAfterDone || bufferedBytes(*desc) > 0;
+    if (desc->connected == 0 && (buffer == nullptr || size == 0 || !mayRead)) {
         traceNothingRead(*desc);
         return 0;
     }

@@ -56,7 +56,7 @@ int reconnectAt(const MdchDescriptorPtr& desc, MdpLock& lock, long long target, 
     if (outcome != Reconnect::kDone) {
         return failedReconnect(*desc, outcome, function);
     }
-    MDCH_TRACE(kTraceCall, "%s(): reconnected in seek to %lld on %i\n", function, target, desc->fd);
+    MDCH_TRACE(kTraceNotice, "%s(): reconnected in seek to %lld on %i\n", function, target, desc->fd);
     return 0;
 }
 
@@ -196,7 +196,7 @@ int HttpAccess::seekTime(unsigned int ms)
     if (outcome != Reconnect::kDone) {
         return failedReconnect(*desc, outcome, "seekTime");
     }
-    MDCH_TRACE(kTraceCall, "%s(): reconnected in time seek to %d on %i\n", "seekTime", time, desc->fd);
+    MDCH_TRACE(kTraceNotice, "%s(): reconnected in time seek to %d on %i\n", "seekTime", time, desc->fd);
     return 0;
 }
 

@@ -127,6 +127,7 @@ struct MdchCurlDescriptor_struct
     std::int64_t requestedStart = -1;    // first byte asked for with a Range; -1: none was asked for
     std::int64_t contentRangeStart = -1; // first byte that Content-Range names; -1: none
     std::int64_t leadingSkip = 0;        // bytes that come before requestedStart, still to be dropped
+    bool resumed = false;                // the request goes on behind bytes that came before a pause
     bool misplaced = false;              // the body begins behind requestedStart: none of it is delivered
     std::size_t headerBytes = 0;         // size of responseHeaders' texts
     std::string callerCookies;           // what the caller set, once cookies holds received ones

@@ -108,9 +108,28 @@ void takeContentType(MdchCurlDescriptor_struct& desc)
     }
 }
 
+// A stream whose length is not known may have come to its last byte before a pause; what the resume asks for
+// does not exist then.
+bool endsAtResume(MdchCurlDescriptor_struct& desc, long status)
+{
+    constexpr long kRangeNotSatisfiable = 416;
+    if (status != kRangeNotSatisfiable || !desc.resumed) {
+        return false;
+    }
+    desc.length = desc.writePos;
+    desc.connected = 1;
+    desc.headerComplete = 1;
+    desc.done = 1;
+    desc.error = 0;
+    return true;
+}
+
 void classify(MdchCurlDescriptor_struct& desc, long status, const char* function)
 {
     const int code = static_cast<int>(status);
+    if (endsAtResume(desc, status)) {
+        return;
+    }
     if (status >= 500) {
         MDCH_TRACE(md::kTraceError, "%s(): got server error %i on fd %i\n", function, code, desc.fd);
         endWithError(desc, EINVAL);

@@ -227,6 +227,8 @@ void mdchHttpCurl_discardRequest(MdchCurlDescriptor_struct& desc)
     desc.paused = 0;
     desc.pausePending = false;
     desc.closedInPause = false;
+    desc.resumed = false;
+    desc.misplaced = false;
     desc.rebuildHeaders = false;
     desc.rangeText[0] = '\0';
     desc.requestedStart = -1;

@@ -50,6 +50,7 @@ void restart(HttpEngine& engine, MdchCurlDescriptor_struct& desc)
     desc.headerBlockEnded = 1; // lines of a header that was cut off do not stay
     desc.closedInPause = false;
     desc.leadingSkip = 0;
+    desc.resumed = false;
     desc.misplaced = false;
     md::addToMulti(engine, desc);
     desc.paused = 0;
@@ -161,6 +162,7 @@ void mdchHttpCurl_resumeFromPause(HttpEngine& engine, MdchCurlDescriptor_struct&
     desc.skipBytes = 0; // what a seek wanted skipped lies in front of writePos
     mdchHttpCurl_setRange(desc, desc.writePos, __func__);
     restart(engine, desc);
+    desc.resumed = true;
 }
 
 } // namespace

@@ -38,6 +38,60 @@ const char* libraryMode(int mode)
 
 } // namespace
 
+// Owns a C library stream. Held by the object and by each operation under way.
+class MdchUrlFile::File
+{
+public:
+    explicit File(FILE* stream) : m_stream(stream) {}
+    ~File()
+    {
+        if (m_stream != nullptr) {
+            fclose(m_stream);
+        }
+    }
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+
+    FILE* get() const { return m_stream; }
+
+    // Only by the last holder.
+    int close()
+    {
+        FILE* stream = m_stream;
+        m_stream = nullptr;
+        return fclose(stream);
+    }
+
+private:
+    FILE* m_stream;
+};
+
+// An operation under way: keeps the file that was open at its start. The hold is given up under the object's
+// mutex, so that a close can tell whether it is the last holder.
+class MdchUrlFile::Use
+{
+public:
+    explicit Use(MdchUrlFile& owner) : m_owner(owner)
+    {
+        const MdpLock lock(m_owner.m_mutex);
+        m_file = m_owner.m_stream;
+    }
+    ~Use()
+    {
+        const MdpLock lock(m_owner.m_mutex);
+        m_file.reset();
+    }
+    Use(const Use&) = delete;
+    Use& operator=(const Use&) = delete;
+
+    // Null when the stream is not open.
+    FILE* stream() const { return m_file != nullptr ? m_file->get() : nullptr; }
+
+private:
+    MdchUrlFile& m_owner;
+    std::shared_ptr<File> m_file;
+};
+
 MdchUrlFile::MdchUrlFile()
 {
     MDCH_TRACE(md::kTraceCall, "MdchUrlFile::%s()\n", "MdchUrlFile");
@@ -64,49 +118,58 @@ int MdchUrlFile::open(const char* url, int mode)
         errno = EINVAL;
         return -1;
     }
-    m_stream = fopen64(path, how);
-    return m_stream != nullptr ? 0 : -errno;
+    FILE* stream = fopen64(path, how);
+    const int result = stream != nullptr ? 0 : -errno;
+    std::shared_ptr<File> file = stream != nullptr ? std::make_shared<File>(stream) : nullptr;
+    const MdpLock lock(m_mutex);
+    m_stream.swap(file);
+    return result;
 }
 
 int MdchUrlFile::close()
 {
     traceEntry("close");
-    if (m_stream == nullptr) {
-        return 0;
+    std::shared_ptr<File> file;
+    bool last = false;
+    {
+        const MdpLock lock(m_mutex);
+        file.swap(m_stream);
+        last = file.use_count() == 1; // otherwise the last operation under way closes it
     }
-    FILE* stream = m_stream;
-    m_stream = nullptr;
-    return fclose(stream);
+    return last ? file->close() : 0;
 }
 
 int MdchUrlFile::read(unsigned char* buffer, unsigned int size)
 {
     traceEntry("read");
-    if (m_stream == nullptr) {
+    const Use use(*this);
+    if (use.stream() == nullptr) {
         errno = EBADF;
         return 0;
     }
-    return static_cast<int>(fread(buffer, 1, atMostInt(size), m_stream));
+    return static_cast<int>(fread(buffer, 1, atMostInt(size), use.stream()));
 }
 
 int MdchUrlFile::write(unsigned char* buffer, unsigned int size)
 {
     traceEntry("write");
-    if (m_stream == nullptr) {
+    const Use use(*this);
+    if (use.stream() == nullptr) {
         errno = EBADF;
         return 0;
     }
-    return static_cast<int>(fwrite(buffer, 1, atMostInt(size), m_stream));
+    return static_cast<int>(fwrite(buffer, 1, atMostInt(size), use.stream()));
 }
 
 long long MdchUrlFile::tell()
 {
     traceEntry("tell");
-    if (m_stream == nullptr) {
+    const Use use(*this);
+    if (use.stream() == nullptr) {
         errno = EBADF;
         return -1;
     }
-    return ftello64(m_stream);
+    return ftello64(use.stream());
 }
 
 int MdchUrlFile::seek(long long offset, int whence)
@@ -116,11 +179,12 @@ int MdchUrlFile::seek(long long offset, int whence)
         errno = EINVAL;
         return -1;
     }
-    if (m_stream == nullptr) {
+    const Use use(*this);
+    if (use.stream() == nullptr) {
         errno = EBADF;
         return -1;
     }
-    return fseeko64(m_stream, offset, whence);
+    return fseeko64(use.stream(), offset, whence);
 }
 
 int MdchUrlFile::seekTime(unsigned int /*time*/)
@@ -132,26 +196,30 @@ int MdchUrlFile::seekTime(unsigned int /*time*/)
 int MdchUrlFile::getc()
 {
     traceEntry("getc");
-    return m_stream != nullptr ? fgetc(m_stream) : -1;
+    const Use use(*this);
+    return use.stream() != nullptr ? fgetc(use.stream()) : -1;
 }
 
 int MdchUrlFile::eof()
 {
     traceEntry("eof");
-    return m_stream != nullptr ? feof(m_stream) : -1;
+    const Use use(*this);
+    return use.stream() != nullptr ? feof(use.stream()) : -1;
 }
 
 int MdchUrlFile::error()
 {
     traceEntry("error");
-    return m_stream != nullptr ? ferror(m_stream) : 0;
+    const Use use(*this);
+    return use.stream() != nullptr ? ferror(use.stream()) : 0;
 }
 
 void MdchUrlFile::clearerr()
 {
     traceEntry("clearerr");
-    if (m_stream != nullptr) {
-        ::clearerr(m_stream);
+    const Use use(*this);
+    if (use.stream() != nullptr) {
+        ::clearerr(use.stream());
     }
 }
 
@@ -168,12 +236,13 @@ unsigned int MdchUrlFile::capability()
 long long MdchUrlFile::size()
 {
     traceEntry("size");
-    if (m_stream == nullptr) {
+    const Use use(*this);
+    if (use.stream() == nullptr) {
         errno = EBADF;
         return -1;
     }
     struct stat64 facts = {};
-    const int result = fstat64(fileno(m_stream), &facts);
+    const int result = fstat64(fileno(use.stream()), &facts);
     return result < 0 ? result : facts.st_size;
 }
 

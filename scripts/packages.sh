@@ -1,0 +1,72 @@
+# shellcheck shell=bash
+# Installs Debian packages that are missing. Sourced by the commands of this project.
+
+# shellcheck disable=SC2034 # used by the scripts that source this one
+{
+    packages_build="cmake ninja-build g++ pkg-config libcurl4-openssl-dev libssl-dev libboost-dev
+        libboost-thread-dev libboost-system-dev libmount-dev libcli11-dev"
+    packages_demo="nginx-light icecast2 ffmpeg openssl"
+    packages_test="$packages_build $packages_demo libgtest-dev libgmock-dev curl"
+    packages_lint="clang-format-14 clang-tidy-14"
+}
+
+package_installed() {
+    # Another package may provide it, as nginx-full does nginx-light's server.
+    case $1 in
+    nginx-light) command -v nginx >/dev/null || [ -x /usr/sbin/nginx ] ;;
+    *) [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null)" = installed ] ;;
+    esac
+}
+
+# Runs a command as root.
+as_root() {
+    if [ "$(id -u)" -eq 0 ]; then
+        "$@"
+    else
+        sudo "$@"
+    fi
+}
+
+# install_packages NAME...: says what it installs; says nothing when all is there.
+install_packages() {
+    local missing=() name
+    for name in "$@"; do
+        package_installed "$name" || missing+=("$name")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+
+    if ! command -v apt-get >/dev/null; then
+        echo "These packages are missing, and there is no apt to install them: ${missing[*]}" >&2
+        return 1
+    fi
+    if [ "$(id -u)" -ne 0 ] && ! command -v sudo >/dev/null; then
+        echo "These packages are missing: ${missing[*]}" >&2
+        echo "Run this once as root, or install them: apt-get install ${missing[*]}" >&2
+        return 1
+    fi
+    echo "Installing packages: ${missing[*]}"
+    install_quietly "${missing[@]}"
+}
+
+# In a subshell, so that the trap is its own.
+install_quietly() (
+    local log policy=/usr/sbin/policy-rc.d
+    local apt=(env DEBIAN_FRONTEND=noninteractive apt-get -qq -o DPkg::Lock::Timeout=120)
+    log=$(mktemp)
+    trap 'rm -f "$log"' EXIT
+    trap 'exit 130' INT TERM
+    # The servers are for tests, which start their own: installing them starts none.
+    if [ ! -e "$policy" ]; then
+        trap 'rm -f "$log"; as_root rm -f "$policy"' EXIT
+        printf '#!/bin/sh\nexit 101\n' | as_root tee "$policy" >/dev/null
+        as_root chmod 755 "$policy"
+    fi
+    # Package lists may be absent (a fresh container) or old.
+    if ! { as_root "${apt[@]}" install -y --no-install-recommends "$@" ||
+        { as_root "${apt[@]}" update && as_root "${apt[@]}" install -y --no-install-recommends "$@"; }; } \
+        >"$log" 2>&1; then
+        cat "$log" >&2
+        echo "Installing failed." >&2
+        return 1
+    fi
+)

@@ -1,0 +1,82 @@
+// README.md and docs/command-line.md keep their promises: every example and every command in them is run, here
+// and in checkout_test.cpp.
+#include "support_readme.h"
+
+#include <gmock/gmock.h>
+
+namespace {
+
+using support::fenceWith;
+using support::kSource;
+using support::Result;
+using support::runToEnd;
+using support::theFence;
+using testing::HasSubstr;
+
+class ReadmeTest : public support::PageTest
+{
+protected:
+    // Against the library as it was built here.
+    void compile(const std::string& compiler, const std::string& standard, const std::string& source) const
+    {
+        const std::string command =
+            compiler + " " + standard + " -Wall -Wextra -pedantic -Werror " SANITIZER_FLAGS " -I" + kSource +
+            "/common/helper/include -I" PLATFORM_FOLDER "/include " + source +
+            " -L" LIBRARY_FOLDER " -lmdchelper -Wl,-rpath," LIBRARY_FOLDER " -o " + m_folder.file("player");
+        const Result result = runToEnd({"bash", "-c", command});
+        ASSERT_EQ(result.status, 0) << command << "\n" << result.err;
+    }
+};
+
+TEST_F(ReadmeTest, TheExampleInC)
+{
+    const std::string source = m_folder.write("player.c", theFence("README.md", "c"));
+    ASSERT_NO_FATAL_FAILURE(compile(C_COMPILER, "-std=c11", source));
+    expectCopies();
+}
+
+TEST_F(ReadmeTest, TheExampleInCpp)
+{
+    const std::string source = m_folder.write("player.cpp", theFence("README.md", "cpp"));
+    ASSERT_NO_FATAL_FAILURE(compile(CXX_COMPILER, "-std=c++17", source));
+    expectShowsTheEnd(m_folder.file("player"));
+}
+
+TEST_F(ReadmeTest, TheCommandLine)
+{
+    std::string commands = fenceWith("README.md", "mdch info");
+    const std::string host = "http://media.example";
+    for (std::size_t place = 0; (place = commands.find(host)) != std::string::npos;) {
+        commands.replace(place, host.size(), m_server.url(""));
+    }
+    const std::string program = MDCH_BINARY;
+    const std::string folder = program.substr(0, program.rfind('/'));
+    const Result result = runToEnd(
+        {"bash", "-c", "set -e; cd " + m_folder.path() + "; PATH=" + folder + ":$PATH\n" + commands});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.out, HasSubstr("Length        100010 bytes"));
+    EXPECT_TRUE(support::readFile(m_folder.file("song.mp3")) == support::content());
+}
+
+TEST_F(ReadmeTest, TheHelpTextStandsInTheManual)
+{
+    EXPECT_EQ(theFence("docs/command-line.md", "text"), support::mdch({"--help"}).out);
+}
+
+TEST_F(ReadmeTest, TheTestCommandsOptions)
+{
+    const Result help = runToEnd({kSource + "/test", "--help"});
+    EXPECT_EQ(help.status, 0);
+    const std::string page = support::readFile(kSource + "/README.md");
+    for (const char* option : {"--asan", "--tsan", "--release", "--coverage", "--lint", "--filter REGEX"}) {
+        EXPECT_THAT(help.out, HasSubstr(option));
+        EXPECT_THAT(page, HasSubstr(option));
+    }
+    const Result wrong = runToEnd({kSource + "/test", "--none"});
+    EXPECT_EQ(wrong.status, 2);
+    EXPECT_EQ(wrong.out, "");
+    EXPECT_THAT(wrong.err, HasSubstr("unknown option --none"));
+    EXPECT_EQ(runToEnd({kSource + "/run", "--none"}).status, 2);
+}
+
+} // namespace

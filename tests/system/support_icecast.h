@@ -1,0 +1,34 @@
+// An internet-radio station of its own for a test: Icecast on a free port of 127.0.0.1, with a source that
+// plays a tone as MP3, in real time and without end.
+#pragma once
+
+#include "support/temp_dir.h"
+#include "support_process.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace support {
+
+class Icecast
+{
+public:
+    Icecast();
+    ~Icecast();
+
+    std::string url(const std::string& path) const;
+    std::string station() const { return url("/live.mp3"); } // on air when the constructor returns
+
+private:
+    bool start();
+    std::string configuration() const;
+    bool isOnAir() const;
+
+    TempDir m_folder{"icecast"};
+    std::uint16_t m_port = 0;
+    std::unique_ptr<Process> m_server;
+    std::unique_ptr<Process> m_source;
+};
+
+} // namespace support

@@ -1,0 +1,250 @@
+#include "support_process.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iomanip>
+#include <pwd.h>
+#include <sstream>
+#include <stdexcept>
+#include <system_error>
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace support {
+
+namespace {
+
+constexpr int kSignalStatus = 128;
+constexpr int kNotStarted = 127;
+
+std::string findProgram(const std::string& name)
+{
+    if (name.find('/') != std::string::npos) {
+        return name;
+    }
+    const char* path = std::getenv("PATH");
+    std::istringstream folders(std::string(path != nullptr ? path : "/usr/bin:/bin") + ":/usr/sbin:/sbin");
+    for (std::string folder; std::getline(folders, folder, ':');) {
+        const std::string candidate = folder + "/" + name;
+        if (access(candidate.c_str(), X_OK) == 0) {
+            return candidate;
+        }
+    }
+    throw std::runtime_error(name + " is not installed");
+}
+
+bool names(const std::vector<std::string>& list, const std::string& entry)
+{
+    return std::any_of(list.begin(), list.end(), [&entry](const std::string& text) {
+        return entry.compare(0, entry.find('='), text, 0, text.find('=')) == 0;
+    });
+}
+
+std::vector<std::string> environmentFor(const ProcessOptions& options)
+{
+    std::vector<std::string> result = options.setting;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        if (!names(options.unset, *entry) && !names(options.setting, *entry)) {
+            result.emplace_back(*entry);
+        }
+    }
+    return result;
+}
+
+std::vector<char*> pointersTo(std::vector<std::string>& texts)
+{
+    std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
+    for (std::string& text : texts) {
+        pointers.push_back(text.data());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+// Prepared before the fork: the child of a program with threads may do very little.
+struct Launch
+{
+    std::string program;
+    char* const* arguments;
+    char* const* environment;
+    const char* out;
+    const char* err;
+    int errFd;
+    bool dropPrivileges;
+    uid_t user;
+    gid_t group;
+    pid_t parent;
+};
+
+bool redirect(const char* path, int fd)
+{
+    if (*path == '\0') {
+        return true;
+    }
+    constexpr mode_t kPermissions = 0644;
+    const int opened = open(path, O_WRONLY | O_CREAT | O_TRUNC, kPermissions);
+    return opened >= 0 && dup2(opened, fd) == fd && (opened == fd || close(opened) == 0);
+}
+
+[[noreturn]] void runChild(const Launch& launch)
+{
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    const int input = open("/dev/null", O_RDONLY);
+    bool ok = setpgid(0, 0) == 0 && dup2(input, STDIN_FILENO) == STDIN_FILENO;
+    ok = ok && redirect(launch.out, STDOUT_FILENO);
+    ok = ok && (launch.errFd >= 0 ? dup2(launch.errFd, STDERR_FILENO) == STDERR_FILENO
+                                  : redirect(launch.err, STDERR_FILENO));
+    if (ok && launch.dropPrivileges) {
+        ok = setgid(launch.group) == 0 && setuid(launch.user) == 0;
+    }
+    // Behind the change of user, which forgets it.
+    ok = ok && prctl(PR_SET_PDEATHSIG, SIGKILL) == 0 && getppid() == launch.parent;
+    if (ok) {
+        execve(launch.program.c_str(), launch.arguments, launch.environment);
+    }
+    _exit(kNotStarted);
+}
+
+} // namespace
+
+Process::Process(std::vector<std::string> command, const ProcessOptions& options)
+{
+    std::vector<std::string> environment = environmentFor(options);
+    const std::string program = findProgram(command.at(0));
+    const std::vector<char*> arguments = pointersTo(command);
+    const std::vector<char*> settings = pointersTo(environment);
+    Launch launch{program,
+                  arguments.data(),
+                  settings.data(),
+                  options.standardOutput.c_str(),
+                  options.standardError.c_str(),
+                  options.standardErrorFd,
+                  options.withoutPrivileges && geteuid() == 0,
+                  0,
+                  0,
+                  getpid()};
+    if (launch.dropPrivileges) {
+        const passwd* nobody = getpwnam("nobody");
+        if (nobody == nullptr) {
+            throw std::runtime_error("there is no user nobody");
+        }
+        launch.user = nobody->pw_uid;
+        launch.group = nobody->pw_gid;
+    }
+    m_pid = fork();
+    if (m_pid < 0) {
+        throw std::system_error(errno, std::generic_category(), "fork");
+    }
+    if (m_pid == 0) {
+        runChild(launch);
+    }
+    setpgid(m_pid, m_pid); // on both sides, for whoever comes first
+}
+
+Process::~Process()
+{
+    ::kill(-m_pid, SIGKILL);
+    if (!m_status) {
+        waitpid(m_pid, nullptr, 0);
+    }
+}
+
+bool Process::isRunning()
+{
+    if (m_status) {
+        return false;
+    }
+    int status = 0;
+    if (waitpid(m_pid, &status, WNOHANG) != m_pid) {
+        return true;
+    }
+    m_status = WIFEXITED(status) ? WEXITSTATUS(status) : kSignalStatus + WTERMSIG(status);
+    return false;
+}
+
+void Process::signal(int number) const
+{
+    ::kill(m_pid, number);
+}
+
+std::optional<int> Process::wait(std::chrono::milliseconds deadline)
+{
+    waitUntil([this] { return !isRunning(); }, deadline);
+    return m_status;
+}
+
+Result runToEnd(std::vector<std::string> command, ProcessOptions options, std::chrono::milliseconds deadline)
+{
+    const TempDir folder("output");
+    const ProcessOptions defaults;
+    if (options.standardOutput == defaults.standardOutput) {
+        options.standardOutput = folder.file("out");
+    }
+    if (options.standardError == defaults.standardError) {
+        options.standardError = folder.file("err");
+    }
+    Process process(std::move(command), options);
+    Result result;
+    result.status = process.wait(deadline).value_or(-1);
+    const auto contentOf = [&folder](const std::string& path) {
+        return path.compare(0, folder.path().size(), folder.path()) == 0 ? readFile(path) : std::string();
+    };
+    result.out = contentOf(options.standardOutput);
+    result.err = contentOf(options.standardError);
+    return result;
+}
+
+std::string readFile(const std::string& path)
+{
+    std::ifstream stream(path, std::ios::binary);
+    std::ostringstream content;
+    content << stream.rdbuf();
+    return content.str();
+}
+
+void giveAway(const std::string& path)
+{
+    const passwd* nobody = getpwnam("nobody");
+    if (geteuid() != 0 || nobody == nullptr) {
+        return;
+    }
+    bool ok = chown(path.c_str(), nobody->pw_uid, nobody->pw_gid) == 0;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(path)) {
+        ok = chown(entry.path().c_str(), nobody->pw_uid, nobody->pw_gid) == 0 && ok;
+    }
+    if (!ok) {
+        throw std::system_error(errno, std::generic_category(), path);
+    }
+}
+
+bool listens(unsigned short port)
+{
+    std::ostringstream wanted;
+    wanted << "0100007F:" << std::hex << std::uppercase << std::setw(4) << std::setfill('0') << port;
+    std::ifstream table("/proc/net/tcp");
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream fields(line);
+        std::string number;
+        std::string local;
+        std::string remote;
+        std::string state;
+        if (fields >> number >> local >> remote >> state && local == wanted.str() && state == "0A") {
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace support

@@ -1,0 +1,169 @@
+#include "failure.h"
+
+#include "mdc_hlp_url_types.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <utility>
+
+namespace mdch {
+
+namespace {
+
+struct Wording
+{
+    int code;
+    const char* reason; // "%" stands for the HTTP status
+    const char* next;
+    int status;
+};
+
+// Codes of an HTTP stream: mdch_HttpError and errno values. The last one stands for all that are missing.
+constexpr std::array<Wording, 11> kHttpWordings = {{
+    {ENOENT, "the server answered %", "Check the address and whether it needs a log-in or a certificate",
+     kExitNotFound},
+    {EINVAL, "the server failed with %", "Try again later", kExitServer},
+    {MDCH_HTTP_ECERT, "the server's certificate was not accepted",
+     "Check the host name, or name a folder of trusted certificates with --ca-path", kExitCertificate},
+    {MDCH_HTTP_ESSL, "no TLS connection could be made",
+     "Check that this port speaks https, and the client certificate if there is one", kExitTls},
+    {MDCH_HTTP_ENETWORK, "the network or the server cannot be reached, or the connection broke",
+     "Check the host name, the port, the proxy and the network", kExitNetwork},
+    {MDCH_HTTP_ETRANSFER, "the transfer broke off before its end", "Try again", kExitBrokenOff},
+    {MDCH_HTTP_EPROTOCOL, "the answer or the address it leads to is not HTTP", "Check the address",
+     kExitOther},
+    {MDCH_HTTP_EMOVED, "the content has moved (%)", "Use the new address", kExitOther},
+    {EFAULT, "no answer in time", "Try again, or allow more time with --timeout", kExitNetwork},
+    {EAGAIN, "no data in time", "Try again, or allow more time with --timeout", kExitNetwork},
+    {MDCH_HTTP_EUNKNOWN, "the transfer failed", "Try again with -vv to see why", kExitOther},
+}};
+
+// For the help text and for nothing else: the statuses are given by the tables and functions here.
+constexpr std::array<std::pair<int, const char*>, 11> kStatusWordings = {{
+    {kExitOk, "all went well"},
+    {kExitUsage, "wrong usage"},
+    {kExitNotFound, "the server does not have it or refuses it (4xx)"},
+    {kExitServer, "the server failed (5xx)"},
+    {kExitCertificate, "the server's certificate was not accepted"},
+    {kExitTls, "no TLS connection"},
+    {kExitNetwork, "network failure, or no answer or no data in time"},
+    {kExitBrokenOff, "the transfer broke off: some bytes are missing"},
+    {kExitOther, "any other failure of the transfer"},
+    {kExitFile, "a local file cannot be read or written"},
+    {kExitInterrupted, "interrupted (Ctrl-C)"},
+}};
+
+const Wording& wordingOf(int code)
+{
+    const auto* const found = std::find_if(kHttpWordings.begin(), kHttpWordings.end(),
+                                           [code](const Wording& wording) { return wording.code == code; });
+    return found != kHttpWordings.end() ? *found : kHttpWordings.back();
+}
+
+const char* adviceFor(int code)
+{
+    switch (code) {
+    case ENOENT:
+    case ENOTDIR:
+        return "Check the path";
+    case EACCES:
+    case EPERM:
+        return "Check the file's permissions";
+    case EISDIR:
+        return "Name a file";
+    case ENOSPC:
+    case EDQUOT:
+        return "Make room and try again";
+    case EPIPE:
+        return "The program that was to take the bytes has gone";
+    default:
+        return "Check the file and the disk";
+    }
+}
+
+} // namespace
+
+Failure httpFailure(std::string what, int code, int httpStatus)
+{
+    const Wording& wording = wordingOf(std::abs(code));
+    Failure failure;
+    failure.what = std::move(what);
+    failure.reason = wording.reason;
+    const std::size_t place = failure.reason.find('%');
+    if (place != std::string::npos) {
+        failure.reason.replace(place, 1, httpStatus > 0 ? std::to_string(httpStatus) : "an error");
+    }
+    failure.next = wording.next;
+    failure.status = wording.status;
+    return failure;
+}
+
+Failure localFailure(std::string what, int code)
+{
+    Failure failure;
+    failure.what = std::move(what);
+    failure.reason = code != 0 ? std::strerror(code) : "unreadable";
+    failure.next = adviceFor(code);
+    failure.status = kExitFile;
+    return failure;
+}
+
+Failure unservedFailure(std::string what, int code)
+{
+    Failure failure = localFailure(std::move(what), code);
+    failure.next = "Addresses begin with http://, https:// or file://; anything else is a path";
+    return failure;
+}
+
+Failure truncatedFailure(std::string what)
+{
+    return httpFailure(std::move(what), MDCH_HTTP_ETRANSFER, 0);
+}
+
+std::string bytesOf(std::int64_t count, std::int64_t total)
+{
+    std::string text = std::to_string(count);
+    if (total >= 0) {
+        text += " of " + std::to_string(total);
+    }
+    return text + " bytes";
+}
+
+std::string printable(const std::string& text)
+{
+    constexpr unsigned char kFirstPrintable = 0x20;
+    constexpr unsigned char kDelete = 0x7f;
+    std::string result = text;
+    for (char& letter : result) {
+        const auto code = static_cast<unsigned char>(letter);
+        if ((code < kFirstPrintable && letter != '\t') || code == kDelete) {
+            letter = '?';
+        }
+    }
+    return result;
+}
+
+int report(const Failure& failure)
+{
+    // One piece, so that nothing gets in between.
+    std::cerr << printable("mdch: " + failure.what + ": " + failure.reason + ". " + failure.next + ".") +
+                     "\n";
+    return failure.status;
+}
+
+std::string exitStatusHelp()
+{
+    std::string text = "Exit status:\n";
+    for (const auto& [status, meaning] : kStatusWordings) {
+        const std::string number = std::to_string(status);
+        constexpr std::size_t kColumn = 5;
+        text += std::string(kColumn - number.size(), ' ') + number + "  " + meaning + "\n";
+    }
+    return text;
+}
+
+} // namespace mdch

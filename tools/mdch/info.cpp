@@ -1,0 +1,92 @@
+#include "commands.h"
+#include "failure.h"
+#include "interrupt.h"
+#include "open.h"
+
+#include "mdc_hlp_http_access.h"
+
+#include <cerrno>
+#include <iomanip>
+#include <iostream>
+#include <sstream>
+
+namespace mdch {
+
+namespace {
+
+std::string capabilityWords(unsigned int capabilities)
+{
+    std::string words;
+    const auto add = [&words](const char* word) {
+        if (!words.empty()) {
+            words += ", ";
+        }
+        words += word;
+    };
+    if ((capabilities & MDCH_CAPABILITY_BYTE_SEEK) != 0) {
+        add("byte seek");
+    }
+    if ((capabilities & MDCH_CAPABILITY_TIME_SEEK) != 0) {
+        add("time seek");
+    }
+    if ((capabilities & MDCH_CAPABILITY_STALLING) != 0) {
+        add("stalling");
+    }
+    return words.empty() ? "none" : words;
+}
+
+class Table
+{
+public:
+    void add(const char* name, const std::string& value)
+    {
+        constexpr int kColumn = 14;
+        m_text << std::left << std::setw(kColumn) << name << printable(value) << '\n';
+    }
+    void addHeading(const char* name) { m_text << name << '\n'; }
+    void addIndented(const std::string& line) { m_text << "  " << printable(line) << '\n'; }
+    std::string text() const { return m_text.str(); }
+
+private:
+    std::ostringstream m_text;
+};
+
+} // namespace
+
+int runInfo(const Arguments& arguments, Interrupt& interrupt)
+{
+    Source source;
+    Failure failure;
+    if (!openSource(arguments, source, failure)) {
+        return interrupt.requested() ? interrupt.report() : report(failure);
+    }
+    const std::deque<std::string> lines = headerLines(source);
+    const long long length = source.stream->size();
+
+    Table table;
+    table.add("URL", arguments.url);
+    table.add("Back-end", source.http != nullptr ? "HTTP" : "file");
+    if (source.http != nullptr) {
+        table.add("Status", std::to_string(source.http->getResponseCode()));
+        const std::string type = headerValue(lines, "content-type");
+        table.add("Content type", type.empty() ? "not told" : type);
+    }
+    table.add("Length", length >= 0 ? std::to_string(length) + " bytes" : "unknown");
+    table.add("Seekable", source.stream->isSeekable() != 0 ? "yes" : "no");
+    table.add("Capabilities", capabilityWords(source.stream->capability()));
+    if (source.icyInterval > 0) {
+        table.add("ICY interval", std::to_string(source.icyInterval) + " bytes");
+    }
+    if (!lines.empty()) {
+        table.addHeading("Response");
+        for (const std::string& line : lines) {
+            table.addIndented(line);
+        }
+    }
+    if (!(std::cout << table.text() << std::flush)) {
+        return report(localFailure("cannot write to standard output", errno));
+    }
+    return kExitOk;
+}
+
+} // namespace mdch

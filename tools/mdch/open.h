@@ -1,0 +1,42 @@
+// Opening a stream as the command line says.
+#pragma once
+
+#include "arguments.h"
+#include "failure.h"
+
+#include <boost/shared_ptr.hpp>
+#include <cstdint>
+#include <deque>
+#include <string>
+
+class MdchUrlBase;
+
+namespace md {
+class HttpAccess;
+}
+
+namespace mdch {
+
+struct Source
+{
+    boost::shared_ptr<MdchUrlBase> stream;
+    md::HttpAccess* http = nullptr; // the stream, when it is one over HTTP
+    std::int32_t icyInterval = 0;   // 0: the server sends no titles
+};
+
+// True, or false with the failure.
+bool openSource(const Arguments& arguments, Source& source, Failure& failure);
+
+// What the stream's own error code means. what: "cannot read ..."; savedErrno: errno after the failed call.
+Failure failureOf(const Source& source, const std::string& what, int code, int savedErrno);
+
+// The path that an address means when it is none of a web server: "file://" in front is taken away.
+std::string localPath(const std::string& url);
+
+// The response header, lines without their ends.
+std::deque<std::string> headerLines(const Source& source);
+
+// Value of the first of the lines that has this name; empty without one.
+std::string headerValue(const std::deque<std::string>& lines, const std::string& name);
+
+} // namespace mdch

@@ -1,0 +1,88 @@
+#include "progress.h"
+
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <iomanip>
+#include <iostream>
+#include <sstream>
+#include <string>
+
+namespace mdch {
+
+namespace {
+
+std::string amount(double bytes)
+{
+    constexpr std::array<const char*, 5> kUnits = {"B", "kB", "MB", "GB", "TB"};
+    constexpr double kStep = 1000;
+    std::size_t unit = 0;
+    while (bytes >= kStep && unit + 1 < kUnits.size()) {
+        bytes /= kStep;
+        ++unit;
+    }
+    std::ostringstream text;
+    text << std::fixed << std::setprecision(unit == 0 ? 0 : 1) << bytes << ' ' << kUnits[unit];
+    return text.str();
+}
+
+std::string duration(double seconds)
+{
+    constexpr long kMinute = 60;
+    constexpr double kLongest = 360000;
+    if (seconds >= kLongest) {
+        return "long";
+    }
+    const long whole = std::lround(std::ceil(seconds));
+    std::ostringstream text;
+    text << whole / kMinute << ':' << std::setw(2) << std::setfill('0') << whole % kMinute;
+    return text.str();
+}
+
+} // namespace
+
+Progress::Progress(std::int64_t total, bool enabled) : m_total(total), m_enabled(enabled) {}
+
+Progress::~Progress()
+{
+    clear();
+}
+
+void Progress::update(std::int64_t count)
+{
+    constexpr double kSecondsBetween = 0.2;
+    constexpr double kWeightOfNew = 0.3;
+    if (!m_enabled) {
+        return;
+    }
+    const Clock::time_point now = Clock::now();
+    const double passed = std::chrono::duration<double>(now - m_lastTime).count();
+    if (passed < kSecondsBetween) {
+        return;
+    }
+    const double rate = static_cast<double>(count - m_lastCount) / passed;
+    m_rate = m_lastCount == 0 ? rate : kWeightOfNew * rate + (1 - kWeightOfNew) * m_rate;
+    m_lastTime = now;
+    m_lastCount = count;
+
+    std::string line = amount(static_cast<double>(count));
+    if (m_total >= 0) {
+        line += " of " + amount(static_cast<double>(m_total));
+    }
+    line += "  " + amount(m_rate) + "/s";
+    if (m_total > count && m_rate > 0) {
+        line += "  " + duration(static_cast<double>(m_total - count) / m_rate) + " left";
+    }
+    std::cerr << "\r\x1b[K" << line << std::flush;
+    m_shown = true;
+}
+
+void Progress::clear()
+{
+    if (m_shown) {
+        std::cerr << "\r\x1b[K" << std::flush;
+        m_shown = false;
+    }
+}
+
+} // namespace mdch
