@@ -117,11 +117,11 @@ public:
     virtual int getHeaderList(std::deque<std::string>& lines);
 
     /*
-     * Waits until one of the stream numbers below nfds in readfds has bytes or is closed, or the time-out has
-     * passed (null: without limit). Works on stream numbers, not on system descriptors; others are ignored.
-     * On return readfds holds the ready ones; writefds and exceptfds are cleared. Returns the number of ready
-     * streams; -EINVAL for a null readfds, and for nfds above FD_SETSIZE: numbers from 1024 upward, reached
-     * after 924 streams, do not fit into an fd_set.
+     * Waits until one of the stream numbers below nfds in readfds has bytes, has ended or is closed, or the
+     * time-out has passed (null: without limit, as long as one of them is a stream). Works on stream numbers,
+     * not on system descriptors; others are ignored. On return readfds holds the ready ones; writefds and
+     * exceptfds are cleared. Returns the number of ready streams; -EINVAL for a null readfds, and for nfds
+     * above FD_SETSIZE: numbers from 1024 upward, reached after 924 streams, do not fit into an fd_set.
      */
     static int select(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds, timeval* timeout);
 
@@ -169,9 +169,15 @@ private:
     void createDescriptor(bool headRequest);
     // False: closed. The pointer stays empty when the transfer is gone.
     bool lookUp(boost::shared_ptr<MdchCurlDescriptor_struct>& desc);
-    // Runs action on the locked descriptor; false when closed or gone.
+    // Runs action(desc, lock) on the locked descriptor and returns its result; or what stands for a closed
+    // stream, or for a transfer that is gone.
+    template <class Result, class Action>
+    Result onTransfer(Result ifClosed, Result ifGone, Action action);
+    // Runs action(desc) on the locked descriptor, if there is one.
     template <class Action>
-    bool withDescriptor(Action action);
+    void withDescriptor(Action action);
+    // Waits for the header, then runs an operation of the engine, which takes its own locks.
+    int afterHeader(std::int32_t (*operation)(const boost::shared_ptr<MdchCurlDescriptor_struct>&));
     int start(const char* url, const void* body, unsigned int length, long long startPos);
 
     std::string m_userAgent;

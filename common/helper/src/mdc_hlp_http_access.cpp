@@ -36,11 +36,21 @@ struct Reading
 {
     unsigned char* buffer;
     std::size_t length;
+    std::uint64_t place; // the stream's moveSerial at the start
     std::size_t stored = 0;
 
     std::size_t missing() const { return length - stored; }
 
-    void take(MdpRingBuffer& source) { stored += source.dequeue(buffer + stored, missing()); }
+    // Another thread moved the stream while this one had given its lock up: what comes now stands elsewhere.
+    bool isOvertaken(const MdchCurlDescriptor_struct& desc) const { return desc.moveSerial != place; }
+
+    // The position goes along with the bytes: other threads may look at it between two pieces.
+    void take(MdchCurlDescriptor_struct& desc)
+    {
+        const std::size_t count = desc.ringBuffer.dequeue(buffer + stored, missing());
+        stored += count;
+        desc.startPos += static_cast<std::int64_t>(count);
+    }
 };
 
 void traceNothingRead(const MdchCurlDescriptor_struct& desc)
@@ -89,8 +99,11 @@ void fill(const MdchDescriptorPtr& desc, MdpLock& lock, Reading& reading)
     const timespec deadline = deadlineIn(desc->dataTimeout);
     bool triedResume = false;
     for (;;) {
-        reading.take(desc->ringBuffer);
+        reading.take(*desc);
         const Fed fed = feed(desc, lock, triedResume);
+        if (reading.isOvertaken(*desc)) {
+            return;
+        }
         if (fed != Fed::kNothing && reading.missing() > 0) {
             continue;
         }
@@ -106,15 +119,20 @@ void fill(const MdchDescriptorPtr& desc, MdpLock& lock, Reading& reading)
             MDCH_TRACE(kTraceError, "%s(): wait for data TIMEDOUT on fd %i\n", "read", desc->fd);
             return;
         }
+        if (reading.isOvertaken(*desc)) {
+            return;
+        }
     }
     MDCH_TRACE(kTraceCall, "%s(): read %i of %i bytes on fd %i\n", "read", static_cast<int>(reading.stored),
                static_cast<int>(reading.length), desc->fd);
 }
 
-// The end of every read: position, short read. Returns the bytes stored.
+// The end of every read: a short one tells why. Returns the bytes stored.
 int finishRead(MdchCurlDescriptor_struct& desc, const Reading& reading)
 {
-    desc.startPos += static_cast<std::int64_t>(reading.stored);
+    if (reading.isOvertaken(desc)) {
+        return static_cast<int>(reading.stored); // short, but nothing is wrong
+    }
     if (reading.stored == 0 && desc.connected == 0) {
         traceNothingRead(desc);
         return 0;
@@ -211,32 +229,27 @@ int HttpAccess::open(const char* url, const void* body, unsigned int length, int
 
 int HttpAccess::read(unsigned char* buffer, unsigned int size)
 {
-    MdchDescriptorPtr desc;
-    if (!lookUp(desc)) {
-        return -EINVAL;
-    }
-    if (desc == nullptr) {
-        return 0;
-    }
-    MdpLock lock = lockDescriptor(*desc);
-    if (waitForHeader(*desc, lock) < 0) {
-        return 0;
-    }
-    // Results are ints: no more than an int can tell is read at once.
-    Reading reading{buffer, std::min<std::size_t>(size, std::numeric_limits<int>::max())};
-    // What came before a resume that failed is there to be read, connected or not.
-    const bool mayRead = desc->acceptAfterDone || bufferedBytes(*desc) > 0;
-    if (desc->connected == 0 && (buffer == nullptr || size == 0 || !mayRead)) {
-        traceNothingRead(*desc);
-        return 0;
-    }
-    if (size == 0 && buffer != nullptr) {
-        return 0;
-    }
-    if (buffer != nullptr) {
-        fill(desc, lock, reading);
-    }
-    return finishRead(*desc, reading);
+    return onTransfer<int>(-EINVAL, 0, [&](const MdchDescriptorPtr& desc, MdpLock& lock) -> int {
+        if (waitForHeader(*desc, lock) < 0) {
+            return 0;
+        }
+        // Results are ints: no more than an int can tell is read at once.
+        Reading reading{buffer, std::min<std::size_t>(size, std::numeric_limits<int>::max()),
+                        desc->moveSerial};
+        // What came before a resume that failed is there to be read, connected or not.
+        const bool mayRead = desc->acceptAfterDone || bufferedBytes(*desc) > 0;
+        if (desc->connected == 0 && (buffer == nullptr || size == 0 || !mayRead)) {
+            traceNothingRead(*desc);
+            return 0;
+        }
+        if (size == 0 && buffer != nullptr) {
+            return 0;
+        }
+        if (buffer != nullptr) {
+            fill(desc, lock, reading);
+        }
+        return finishRead(*desc, reading);
+    });
 }
 
 int HttpAccess::write(unsigned char* /*buffer*/, unsigned int /*size*/)
@@ -277,43 +290,30 @@ int HttpAccess::close()
 
 int HttpAccess::eof()
 {
-    MdchDescriptorPtr desc;
-    if (!lookUp(desc)) {
-        return -EINVAL;
-    }
-    if (desc == nullptr) {
+    return onTransfer<int>(-EINVAL, 0, [](const MdchDescriptorPtr& desc, MdpLock& lock) -> int {
+        waitForHeader(*desc, lock);
+        if (desc->done != 0 && bufferedBytes(*desc) == 0) {
+            MDCH_TRACE(kTraceCall, "%s(): end of file: done UsedBytes=0\n", "eof");
+            return 1;
+        }
         return 0;
-    }
-    MdpLock lock = lockDescriptor(*desc);
-    waitForHeader(*desc, lock);
-    if (desc->done != 0 && bufferedBytes(*desc) == 0) {
-        MDCH_TRACE(kTraceCall, "%s(): end of file: done UsedBytes=0\n", "eof");
-        return 1;
-    }
-    return 0;
+    });
 }
 
 int HttpAccess::error()
 {
-    MdchDescriptorPtr desc;
-    if (!lookUp(desc)) {
-        return -EINVAL;
-    }
-    if (desc == nullptr) {
-        return 0;
-    }
-    MdpLock lock = lockDescriptor(*desc);
-    waitForHeader(*desc, lock);
-    return desc->error;
+    return onTransfer<int>(-EINVAL, 0, [](const MdchDescriptorPtr& desc, MdpLock& lock) -> int {
+        waitForHeader(*desc, lock);
+        return desc->error;
+    });
 }
 
 void HttpAccess::clearerr()
 {
-    MdchDescriptorPtr desc;
-    if (lookUp(desc) && desc != nullptr) {
-        const MdpLock lock = lockDescriptor(*desc);
+    onTransfer<bool>(false, false, [](const MdchDescriptorPtr& desc, MdpLock& /*lock*/) {
         desc->error = 0;
-    }
+        return true;
+    });
 }
 
 } // namespace md

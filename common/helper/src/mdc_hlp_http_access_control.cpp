@@ -104,18 +104,6 @@ void appendCookie(std::string& cookies, const std::string& cookie)
 
 } // namespace
 
-template <class Action>
-bool HttpAccess::withDescriptor(Action action)
-{
-    MdchDescriptorPtr desc;
-    if (!lookUp(desc) || desc == nullptr) {
-        return false;
-    }
-    const MdpLock lock = lockDescriptor(*desc);
-    action(*desc);
-    return true;
-}
-
 int HttpAccess::fcntl(int command, ...)
 {
     MdchDescriptorPtr desc;
@@ -140,7 +128,7 @@ int HttpAccess::fcntl(int command, ...)
     return 0;
 }
 
-int HttpAccess::pause()
+int HttpAccess::afterHeader(std::int32_t (*operation)(const boost::shared_ptr<MdchCurlDescriptor_struct>&))
 {
     MdchDescriptorPtr desc;
     if (!lookUp(desc)) {
@@ -150,20 +138,26 @@ int HttpAccess::pause()
         MdpLock lock = lockDescriptor(*desc);
         waitForHeader(*desc, lock);
     }
-    return mdchHttpCurl_pause(desc);
+    return operation(desc);
+}
+
+int HttpAccess::pause()
+{
+    return afterHeader(mdchHttpCurl_pause);
 }
 
 int HttpAccess::resume()
 {
-    MdchDescriptorPtr desc;
-    if (!lookUp(desc)) {
-        return -EINVAL;
-    }
-    if (desc != nullptr) {
-        MdpLock lock = lockDescriptor(*desc);
-        waitForHeader(*desc, lock);
-    }
-    return mdchHttpCurl_resume(desc);
+    return afterHeader(mdchHttpCurl_resume);
+}
+
+template <class Action>
+void HttpAccess::withDescriptor(Action action)
+{
+    onTransfer<bool>(false, false, [&action](const MdchDescriptorPtr& desc, MdpLock& /*lock*/) {
+        action(*desc);
+        return true;
+    });
 }
 
 void HttpAccess::setUserAgent(const std::string& agent)
@@ -202,33 +196,21 @@ void HttpAccess::setHeaderLine(const std::string& line)
 
 int HttpAccess::getHeaderList(std::deque<std::string>& lines)
 {
-    MdchDescriptorPtr desc;
-    if (!lookUp(desc)) {
-        return -EINVAL;
-    }
-    if (desc == nullptr) {
-        return 0;
-    }
-    MdpLock lock = lockDescriptor(*desc);
-    const int waited = waitForHeader(*desc, lock);
-    if (waited == 0) {
-        lines = desc->responseHeaders;
-    }
-    return waited;
+    return onTransfer<int>(-EINVAL, 0, [&](const MdchDescriptorPtr& desc, MdpLock& lock) -> int {
+        const int waited = waitForHeader(*desc, lock);
+        if (waited == 0) {
+            lines = desc->responseHeaders;
+        }
+        return waited;
+    });
 }
 
 int HttpAccess::getResponseCode()
 {
-    MdchDescriptorPtr desc;
-    if (!lookUp(desc)) {
-        return -EINVAL;
-    }
-    if (desc == nullptr) {
-        return -ENOSYS;
-    }
-    MdpLock lock = lockDescriptor(*desc);
-    const int waited = waitForHeader(*desc, lock);
-    return waited < 0 ? waited : desc->httpStatus;
+    return onTransfer<int>(-EINVAL, -ENOSYS, [](const MdchDescriptorPtr& desc, MdpLock& lock) -> int {
+        const int waited = waitForHeader(*desc, lock);
+        return waited < 0 ? waited : desc->httpStatus;
+    });
 }
 
 int HttpAccess::setCertificate(x509_st* cert)

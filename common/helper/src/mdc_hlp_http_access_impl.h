@@ -4,6 +4,7 @@
 #ifndef MDC_HLP_HTTP_ACCESS_IMPL_H
 #define MDC_HLP_HTTP_ACCESS_IMPL_H
 
+#include "mdc_hlp_http_access.h"
 #include "mdc_hlp_http_curl.h"
 #include "mdp_thread.h"
 
@@ -48,6 +49,20 @@ void extendDeadline(timespec& deadline, std::int64_t seconds);
  * the descriptor's error then tells, too.
  */
 int waitForHeader(MdchCurlDescriptor_struct& desc, MdpLock& lock);
+
+template <class Result, class Action>
+Result HttpAccess::onTransfer(Result ifClosed, Result ifGone, Action action)
+{
+    MdchDescriptorPtr desc;
+    if (!lookUp(desc)) {
+        return ifClosed;
+    }
+    if (desc == nullptr) {
+        return ifGone;
+    }
+    MdpLock lock = lockDescriptor(*desc);
+    return action(desc, lock);
+}
 
 } // namespace md
 

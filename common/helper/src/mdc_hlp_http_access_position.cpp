@@ -80,6 +80,7 @@ int internalSeek(const MdchDescriptorPtr& desc, MdpLock& lock, long long target)
                    desc->fd, static_cast<long long>(position));
         desc->ringBuffer.dequeue(nullptr, static_cast<std::size_t>(distance));
         desc->startPos = target;
+        ++desc->moveSerial;
         return 0;
     }
     return reconnectAt(desc, lock, target, __func__);
@@ -143,123 +144,88 @@ long long seekTarget(const MdchCurlDescriptor_struct& desc, long long offset, in
 
 int HttpAccess::seek(long long offset, int whence)
 {
-    MdchDescriptorPtr desc;
-    if (!lookUp(desc)) {
-        return -EINVAL;
-    }
-    if (desc == nullptr) {
-        return 0;
-    }
-    MdpLock lock = lockDescriptor(*desc);
-    const int waited = waitForHeader(*desc, lock);
-    if (waited < 0) {
-        return waited;
-    }
-    MDCH_TRACE(kTraceCall, "%s(): got seek request on fd %i to %lld (whence: %i)\n", "seek", desc->fd, offset,
-               whence);
-    if (whence == SEEK_END && desc->length < 0) {
-        return seekFromUnknownEnd(desc, lock, offset);
-    }
-    if (!mayByteSeek(*desc)) {
-        return refuse(*desc);
-    }
-    return internalSeek(desc, lock, seekTarget(*desc, offset, whence));
+    return onTransfer<int>(-EINVAL, 0, [&](const MdchDescriptorPtr& desc, MdpLock& lock) -> int {
+        const int waited = waitForHeader(*desc, lock);
+        if (waited < 0) {
+            return waited;
+        }
+        MDCH_TRACE(kTraceCall, "%s(): got seek request on fd %i to %lld (whence: %i)\n", "seek", desc->fd,
+                   offset, whence);
+        if (whence == SEEK_END && desc->length < 0) {
+            return seekFromUnknownEnd(desc, lock, offset);
+        }
+        if (!mayByteSeek(*desc)) {
+            return refuse(*desc);
+        }
+        return internalSeek(desc, lock, seekTarget(*desc, offset, whence));
+    });
 }
 
 int HttpAccess::seekTime(unsigned int ms)
 {
-    MdchDescriptorPtr desc;
-    if (!lookUp(desc)) {
-        return -EINVAL;
-    }
-    if (desc == nullptr) {
+    return onTransfer<int>(-EINVAL, 0, [&](const MdchDescriptorPtr& desc, MdpLock& lock) -> int {
+        const int waited = waitForHeader(*desc, lock);
+        if (waited < 0) {
+            return waited;
+        }
+        const int time = static_cast<int>(ms);
+        MDCH_TRACE(kTraceCall, "%s(): got time seek request on fd %i to %d ms\n", "seekTime", desc->fd, time);
+        if ((desc->capabilities & MDCH_CAPABILITY_TIME_SEEK) == 0) {
+            MDCH_TRACE(kTraceError, "%s(): time seek not allowed in stream (fd: %i)\n", "seekTime", desc->fd);
+            desc->error = ESPIPE;
+            return -ESPIPE;
+        }
+        lock.unlock(); // the engine's lock comes first in the order
+        mdchHttpCurl_doSeekTime(desc, ms);
+        lock.lock();
+        const timespec deadline = deadlineIn(kReconnectSeconds);
+        MDCH_TRACE(kTraceCall, "%s(): wait for data in time seek to %d on %i\n", "seekTime", time, desc->fd);
+        const Reconnect outcome = waitForReconnect(*desc, lock, deadline);
+        if (outcome != Reconnect::kDone) {
+            return failedReconnect(*desc, outcome, "seekTime");
+        }
+        MDCH_TRACE(kTraceNotice, "%s(): reconnected in time seek to %d on %i\n", "seekTime", time, desc->fd);
         return 0;
-    }
-    MdpLock lock = lockDescriptor(*desc);
-    const int waited = waitForHeader(*desc, lock);
-    if (waited < 0) {
-        return waited;
-    }
-    const int time = static_cast<int>(ms);
-    MDCH_TRACE(kTraceCall, "%s(): got time seek request on fd %i to %d ms\n", "seekTime", desc->fd, time);
-    if ((desc->capabilities & MDCH_CAPABILITY_TIME_SEEK) == 0) {
-        MDCH_TRACE(kTraceError, "%s(): time seek not allowed in stream (fd: %i)\n", "seekTime", desc->fd);
-        desc->error = ESPIPE;
-        return -ESPIPE;
-    }
-    lock.unlock(); // the engine's lock comes first in the order
-    mdchHttpCurl_doSeekTime(desc, ms);
-    lock.lock();
-    const timespec deadline = deadlineIn(kReconnectSeconds);
-    MDCH_TRACE(kTraceCall, "%s(): wait for data in time seek to %d on %i\n", "seekTime", time, desc->fd);
-    const Reconnect outcome = waitForReconnect(*desc, lock, deadline);
-    if (outcome != Reconnect::kDone) {
-        return failedReconnect(*desc, outcome, "seekTime");
-    }
-    MDCH_TRACE(kTraceNotice, "%s(): reconnected in time seek to %d on %i\n", "seekTime", time, desc->fd);
-    return 0;
+    });
 }
 
 long long HttpAccess::tell()
 {
-    MdchDescriptorPtr desc;
-    if (!lookUp(desc)) {
-        return -EINVAL;
-    }
-    if (desc == nullptr) {
-        return 0;
-    }
-    const MdpLock lock = lockDescriptor(*desc);
-    return desc->startPos;
+    return onTransfer<long long>(
+        -EINVAL, 0,
+        [](const MdchDescriptorPtr& desc, MdpLock& /*lock*/) -> long long { return desc->startPos; });
 }
 
 long long HttpAccess::size()
 {
-    MdchDescriptorPtr desc;
-    if (!lookUp(desc)) {
-        return -EINVAL;
-    }
-    if (desc == nullptr) {
-        return 0;
-    }
-    MdpLock lock = lockDescriptor(*desc);
-    const int waited = waitForHeader(*desc, lock);
-    if (waited == -EAGAIN) {
-        return waited;
-    }
-    if (desc->length < 0 && mayByteSeek(*desc)) {
-        internalSeek(desc, lock, desc->startPos);
-        waitForHeader(*desc, lock);
-    }
-    return desc->length;
+    return onTransfer<long long>(-EINVAL, 0, [](const MdchDescriptorPtr& desc, MdpLock& lock) -> long long {
+        const int waited = waitForHeader(*desc, lock);
+        if (waited == -EAGAIN) {
+            return waited;
+        }
+        if (desc->length < 0 && mayByteSeek(*desc)) {
+            internalSeek(desc, lock, desc->startPos);
+            waitForHeader(*desc, lock);
+        }
+        return desc->length;
+    });
 }
 
 int HttpAccess::isSeekable()
 {
-    MdchDescriptorPtr desc;
-    if (!lookUp(desc)) {
-        return -EINVAL;
-    }
-    if (desc == nullptr) {
-        return 0;
-    }
-    MdpLock lock = lockDescriptor(*desc);
-    waitForHeader(*desc, lock);
-    return mayByteSeek(*desc) ? 1 : 0;
+    return onTransfer<int>(-EINVAL, 0, [](const MdchDescriptorPtr& desc, MdpLock& lock) -> int {
+        waitForHeader(*desc, lock);
+        return mayByteSeek(*desc) ? 1 : 0;
+    });
 }
 
 unsigned int HttpAccess::capability()
 {
-    MdchDescriptorPtr desc;
-    if (!lookUp(desc)) {
-        return static_cast<unsigned int>(-EINVAL);
-    }
-    if (desc == nullptr) {
-        return 0;
-    }
-    MdpLock lock = lockDescriptor(*desc);
-    waitForHeader(*desc, lock);
-    return desc->capabilities;
+    return onTransfer<unsigned int>(static_cast<unsigned int>(-EINVAL), 0,
+                                    [](const MdchDescriptorPtr& desc, MdpLock& lock) -> unsigned int {
+                                        waitForHeader(*desc, lock);
+                                        return desc->capabilities;
+                                    });
 }
 
 } // namespace md

@@ -38,7 +38,7 @@ public:
     /* Counts the stream as ready if it has bytes, otherwise joins its queue. Others are ignored. */
     void add(int number);
 
-    /* Waits until a stream is ready. */
+    /* Waits until a stream is ready; without a deadline not when there is none that could become so. */
     void wait(const timespec* deadline);
 
     /* Leaves in readfds those below nfds that were ready, or became so. Returns their number. */
@@ -117,6 +117,9 @@ bool Waiter::anyBit() const
 
 void Waiter::wait(const timespec* deadline)
 {
+    if (deadline == nullptr && m_joined.empty()) {
+        return;
+    }
     MdpLock lock(m_record.mutex, kSelectWaiterLock);
     // A bit may have been set between joining the queues and here, and a wake-up may be spurious.
     while (m_readyCount == 0 && !anyBit()) {
@@ -187,7 +190,7 @@ int HttpAccess::select(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exce
     if (timeout != nullptr) {
         const timespec deadline = deadlineFor(*timeout);
         waiter.wait(&deadline);
-    } else if (nfds >= 1) {
+    } else {
         waiter.wait(nullptr);
     }
     clearIfGiven(writefds);

@@ -122,8 +122,9 @@ struct MdchCurlDescriptor_struct
     bool acceptAfterDone = false;
 
     // What the engine keeps beside the settings and facts above.
-    std::uint32_t engineRun = 0;         // the engine that the number belongs to; see HttpAccess
-    std::uint64_t requestSerial = 0;     // counts requests: a completion of an earlier one is ignored
+    std::uint32_t engineRun = 0;     // the engine that the number belongs to; see HttpAccess
+    std::uint64_t moveSerial = 0;    // counts seeks and openings: a read under way ends when the stream moves
+    std::uint64_t requestSerial = 0; // counts requests: a completion of an earlier one is ignored
     std::int64_t requestedStart = -1;    // first byte asked for with a Range; -1: none was asked for
     std::int64_t contentRangeStart = -1; // first byte that Content-Range names; -1: none
     std::int64_t leadingSkip = 0;        // bytes that come before requestedStart, still to be dropped

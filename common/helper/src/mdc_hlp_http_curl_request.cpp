@@ -209,6 +209,7 @@ void mdchHttpCurl_discardRequest(MdchCurlDescriptor_struct& desc)
         md::removeFromMulti(md::httpEngine(), desc);
     }
     md::freeRequest(desc);
+    ++desc.moveSerial;
     ++desc.requestSerial; // a completion of this request may already be on its way
     std::free(const_cast<char*>(desc.postData));
     desc.postData = nullptr;

@@ -36,8 +36,10 @@ std::int32_t onTransfer(const md::MdchDescriptorPtr& desc, const char* function,
     return 0;
 }
 
-void dropBuffered(MdchCurlDescriptor_struct& desc)
+// The stream goes to another place: what is buffered does not stand there, and a read under way must not go on.
+void leavePlace(MdchCurlDescriptor_struct& desc)
 {
+    ++desc.moveSerial;
     desc.ringBuffer.dequeue(nullptr, desc.ringBuffer.usedBytes());
     desc.backBuffer.dequeue(nullptr, desc.backBuffer.usedBytes());
 }
@@ -89,7 +91,7 @@ void seekTo(HttpEngine& engine, MdchCurlDescriptor_struct& desc, std::int64_t ta
     MDCH_TRACE(md::kTraceNotice, "%s(): requested seek to pos %lld on fd %i (act pos: %lld)\n", function,
                static_cast<long long>(position), desc.fd, static_cast<long long>(desc.startPos));
     mdchHttpCurl_setRange(desc, position, function);
-    dropBuffered(desc);
+    leavePlace(desc);
     desc.writePos = target;
     desc.startPos = target;
     restart(engine, desc);
@@ -107,7 +109,7 @@ void seekToTime(HttpEngine& engine, MdchCurlDescriptor_struct& desc, std::uint32
                              "." + std::to_string(milliseconds % kPerSecond) + "-";
     mdchHttpCurl_rebuildRequestHeaders(desc, line.c_str(), function);
     desc.rebuildHeaders = true;
-    dropBuffered(desc);
+    leavePlace(desc);
     desc.writePos = 0;
     desc.startPos = 0;
     desc.skipBytes = 0;
