@@ -24,7 +24,7 @@ using support::TraceCapture;
 using support::waitForDescriptor;
 
 const Media kMedia(27);
-constexpr long long kSize = 120'000;
+constexpr long long kSize = 1'200'000;
 constexpr std::uint64_t kBytesPerSecond = 1000;
 
 class SeekTime : public testing::Test
@@ -81,7 +81,7 @@ TEST_F(SeekTime, canBeFollowedByByteSeeksAndMoreTimeSeeks)
     EXPECT_EQ(stream.readSome(10), kMedia.bytes(7000, 10));
     EXPECT_EQ(stream.seek(-10, 2), 0);
     EXPECT_EQ(stream.readAll(), kMedia.bytes(kSize - 10, 10));
-    EXPECT_EQ(m_server.requests().back().header("Range"), "bytes=119990-");
+    EXPECT_EQ(m_server.requests().back().header("Range"), "bytes=1199990-");
     EXPECT_FALSE(m_server.requests().back().hasHeader("TimeSeekRange.dlna.org"));
 }
 
@@ -155,10 +155,9 @@ TEST_F(SeekTime, aByteSeekThatTheServerRefusesKeepsItsError)
 
 TEST_F(SeekTime, aByteSeekWhoseConnectionIsRefusedFailsAtOnce)
 {
-    m_server.on("/", film().closeConnection());
+    m_server.on("/", film());
     HttpStream stream;
     open(stream);
-    ASSERT_TRUE(waitForDescriptor(100, [](auto& desc) { return desc.done != 0; }));
     m_server.stopListening();
     EXPECT_EQ(stream.readSome(10).size(), 10U);
     EXPECT_EQ(stream.seek(0, 0), -29);
@@ -210,7 +209,7 @@ TEST_F(SeekTime, aSeekThatWaitsReturnsWhenItsStreamIsClosed)
     open(stream);
     const TraceCapture trace;
     auto seek = std::async(std::launch::async, [&stream] { return stream.seek(-10, 2); });
-    ASSERT_TRUE(waitsIn(trace, "119990 on 100"));
+    ASSERT_TRUE(waitsIn(trace, "1199990 on 100"));
     EXPECT_EQ(stream.close(), 0);
     ASSERT_EQ(seek.wait_for(std::chrono::seconds(5)), std::future_status::ready) << "not after 10 s";
     EXPECT_EQ(seek.get(), -29);
@@ -224,7 +223,7 @@ TEST_F(SeekTime, aSeekThatWaitsReturnsAtAShutdown)
     open(stream);
     const TraceCapture trace;
     auto seek = std::async(std::launch::async, [&stream] { return stream.seek(-10, 2); });
-    ASSERT_TRUE(waitsIn(trace, "119990 on 100"));
+    ASSERT_TRUE(waitsIn(trace, "1199990 on 100"));
     md::HttpAccess::shutdown();
     ASSERT_EQ(seek.wait_for(std::chrono::seconds(5)), std::future_status::ready) << "not after 10 s";
     EXPECT_EQ(seek.get(), -29);

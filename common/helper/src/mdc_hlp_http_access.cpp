@@ -44,12 +44,14 @@ struct Reading
     // Another thread moved the stream while this one had given its lock up: what comes now stands elsewhere.
     bool isOvertaken(const MdchCurlDescriptor_struct& desc) const { return desc.moveSerial != place; }
 
-    // The position goes along with the bytes: other threads may look at it between two pieces.
-    void take(MdchCurlDescriptor_struct& desc)
+    // True when there was something. The position goes along with the bytes: other threads may look at it
+    // between two pieces.
+    bool take(MdchCurlDescriptor_struct& desc)
     {
         const std::size_t count = desc.ringBuffer.dequeue(buffer + stored, missing());
         stored += count;
         desc.startPos += static_cast<std::int64_t>(count);
+        return count > 0;
     }
 };
 
@@ -78,18 +80,14 @@ Fed feed(const MdchDescriptorPtr& desc, MdpLock& lock, bool& triedResume)
     if (desc->backBuffer.usedBytes() > 0) {
         return mdchHttpCurl_refillFromBackBuffer(*desc) > 0 ? Fed::kRefilled : Fed::kNothing;
     }
-    if (desc->paused == 0) {
-        triedResume = false;
-        return Fed::kNothing;
+    if (desc->paused == 0 || triedResume) {
+        return Fed::kNothing; // a resume that brought nothing is not tried again and again
     }
-    if (triedResume) {
-        return Fed::kNothing; // it could not change anything: wait instead of asking again and again
-    }
-    triedResume = true;
     MDCH_TRACE(kTraceCall, "%s(): unpause fd %i\n", "read", desc->fd);
     lock.unlock(); // the engine's lock comes first in the order
     mdchHttpCurl_resume(desc);
     lock.lock();
+    triedResume = desc->paused != 0;
     return Fed::kResumed;
 }
 
@@ -99,7 +97,9 @@ void fill(const MdchDescriptorPtr& desc, MdpLock& lock, Reading& reading)
     const timespec deadline = deadlineIn(desc->dataTimeout);
     bool triedResume = false;
     for (;;) {
-        reading.take(*desc);
+        if (reading.take(*desc)) {
+            triedResume = false; // the transfer may have filled the buffer and paused again meanwhile
+        }
         const Fed fed = feed(desc, lock, triedResume);
         if (reading.isOvertaken(*desc)) {
             return;

@@ -116,10 +116,19 @@ void seekToTime(HttpEngine& engine, MdchCurlDescriptor_struct& desc, std::uint32
     restart(engine, desc);
 }
 
+// Holds a transfer whose header has not come: the header is let through, for somebody may be waiting for it
+// (a seek from another thread), and the first block of the body is refused.
+void holdBehindHeader(HttpEngine& engine, MdchCurlDescriptor_struct& desc)
+{
+    md::addToMulti(engine, desc); // one that the worker has not started would never be from the paused state
+    desc.pausePending = true;
+}
+
 void hold(HttpEngine& engine, MdchCurlDescriptor_struct& desc, const char* function)
 {
     MDCH_TRACE(md::kTraceNotice, "%s(): pause on fd %i\n", function, desc.fd);
-    if ((desc.capabilities & MDCH_CAPABILITY_BYTE_SEEK) != 0) {
+    const bool waitsForHeader = desc.headerComplete == 0 && desc.done == 0 && !desc.closedInPause;
+    if ((desc.capabilities & MDCH_CAPABILITY_BYTE_SEEK) != 0 && !waitsForHeader) {
         MDCH_TRACE(md::kTraceNotice, "%s:%d:%s(): pause (by close) fd %i.\n", md::traceBaseName(__FILE__),
                    __LINE__, function, desc.fd);
         md::removeFromMulti(engine, desc);
@@ -127,9 +136,11 @@ void hold(HttpEngine& engine, MdchCurlDescriptor_struct& desc, const char* funct
     } else {
         MDCH_TRACE(md::kTraceNotice, "%s:%d:%s(): pause (by pause) fd %i.\n", md::traceBaseName(__FILE__),
                    __LINE__, function, desc.fd);
-        // One that the worker has not started yet would never be started from the paused state.
-        md::addToMulti(engine, desc);
-        curl_easy_pause(desc.easy, CURLPAUSE_ALL);
+        if (waitsForHeader) {
+            holdBehindHeader(engine, desc);
+        } else {
+            curl_easy_pause(desc.easy, CURLPAUSE_ALL);
+        }
     }
     desc.paused = 1;
     desc.state = md::kStatePaused;

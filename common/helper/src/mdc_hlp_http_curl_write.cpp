@@ -77,6 +77,7 @@ std::size_t pauseOnFullBuffer(MdchCurlDescriptor_struct& desc, const char* funct
     desc.paused = 1;
     desc.state = md::kStatePaused;
     MDCH_TRACE(md::kTraceCall, "%s(): pause connection on fd %i\n", function, desc.fd);
+    pthread_cond_broadcast(&desc.cond); // a reader that misses bytes resumes it
     return CURL_WRITEFUNC_PAUSE;
 }
 
