@@ -131,9 +131,11 @@ bool run(const Kind& kind, const Options& options)
         while (history.count() < options.operations) {
             operations.next();
         }
+        const std::optional<std::size_t> connections = server->connections();
         std::cout << "server " << kind.name << ", seed " << options.seed << ": " << history.count()
-                  << " operations, " << operations.bytesRead() << " bytes, " << server->connections()
-                  << " connections" << std::endl;
+                  << " operations, " << operations.bytesRead() << " bytes, "
+                  << (connections ? std::to_string(*connections) : "uncounted") << " connections"
+                  << std::endl;
         return true;
     } catch (const std::exception& failure) {
         printFailure(kind, options, history, failure.what());

@@ -72,7 +72,7 @@ public:
     }
 
     std::string url() const override { return m_server.url(kPath); }
-    std::size_t connections() const override { return m_server.connectionCount(); }
+    std::optional<std::size_t> connections() const override { return m_server.connectionCount(); }
 
 private:
     Dropper m_dropper;
@@ -85,7 +85,7 @@ public:
     NginxServer() { m_nginx.addFile("resource.bin", media().bytes(0, kSize)); }
 
     std::string url() const override { return m_nginx.plain(kPath); }
-    std::size_t connections() const override { return 0; }
+    std::optional<std::size_t> connections() const override { return std::nullopt; }
 
 private:
     Nginx m_nginx;

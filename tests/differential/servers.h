@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,8 +38,8 @@ public:
     TestedServer& operator=(const TestedServer&) = delete;
 
     virtual std::string url() const = 0;
-    // How many connections were made, as the server or the traces count them.
-    virtual std::size_t connections() const = 0;
+    // How many connections were made; none where the server does not tell.
+    virtual std::optional<std::size_t> connections() const = 0;
 
     static const support::Media& media();
 };

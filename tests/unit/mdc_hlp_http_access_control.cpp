@@ -31,6 +31,11 @@ struct Command
     int whenGone; // result for a transfer that is no longer registered
 };
 
+void PrintTo(const Command& command, std::ostream* out)
+{
+    *out << command.number;
+}
+
 class EveryCommand : public testing::TestWithParam<Command>
 {
 protected:

@@ -6,6 +6,7 @@
 #include "support/http_server.h"
 #include "support/trace_capture.h"
 
+#include <cctype>
 #include <gtest/gtest.h>
 
 namespace {
@@ -180,6 +181,14 @@ struct CapabilityCase
     const char* line; // of the response
     unsigned int capability;
 };
+
+// Names the test; without it the parameter's address would.
+void PrintTo(const CapabilityCase& given, std::ostream* out)
+{
+    for (const char* at = given.line; *at != '\0'; ++at) {
+        *out << (std::isalnum(static_cast<unsigned char>(*at)) != 0 ? *at : '_');
+    }
+}
 
 class Capability : public Length, public testing::WithParamInterface<CapabilityCase>
 {

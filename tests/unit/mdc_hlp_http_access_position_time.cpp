@@ -102,6 +102,8 @@ TEST_F(SeekTime, isRefusedWithError29WithoutTheCapability)
     m_server.on("/", film("DLNA.ORG_OP=01"));
     HttpStream stream;
     open(stream);
+    // Data that arrives would clear the error.
+    ASSERT_TRUE(waitForDescriptor(100, [](auto& desc) { return desc.paused != 0; }));
     const TraceCapture trace;
     EXPECT_EQ(stream.seekTime(1000), -29);
     EXPECT_EQ(stream.error(), 29);

@@ -192,6 +192,7 @@ TEST_F(Race, aCloseReleasesEveryOperation)
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(9)) << "somebody waited";
     }
     EXPECT_TRUE(support::waitForEmptyRegistry());
+    HttpAccess::shutdown(); // which ends the connections that finished transfers left for others
     EXPECT_TRUE(m_server.waitForOpenConnections(0));
 }
 

@@ -87,6 +87,11 @@ struct PauseCase
     bool buffering;
 };
 
+void PrintTo(const PauseCase& given, std::ostream* out)
+{
+    *out << (given.seekable ? "seekable" : "fixed") << (given.buffering ? " buffering" : "");
+}
+
 class PauseRaceOfKinds : public PauseRace, public testing::WithParamInterface<PauseCase>
 {
 };

@@ -50,6 +50,12 @@ struct TailCase
     int skip; // 0: no word about skipping
 };
 
+// Names the test; without it the parameter's address would.
+void PrintTo(const TailCase& tail, std::ostream* out)
+{
+    *out << tail.target;
+}
+
 class EngineSeekTail : public EngineSeek, public testing::WithParamInterface<TailCase>
 {
 };

@@ -157,8 +157,9 @@ TEST_F(EnginePause, resumeOfARunningStreamChangesNothing)
 TEST_F(EnginePause, resumeFromCloseContinuesBehindTheLastByteReceived)
 {
     const Gate never;
-    m_server.onSequence(
-        "/", {Reply::resource(kMedia, kSize).wait(At::body(50000), never), Reply::resource(kMedia, kSize)});
+    Gate answer;
+    m_server.onSequence("/", {Reply::resource(kMedia, kSize).wait(At::body(50000), never),
+                              Reply::resource(kMedia, kSize).wait(At::start(), answer)});
     HttpStream stream;
     const auto desc = open(stream);
     EXPECT_EQ(stream.readSome(1000), kMedia.bytes(0, 1000));
@@ -174,6 +175,7 @@ TEST_F(EnginePause, resumeFromCloseContinuesBehindTheLastByteReceived)
         EXPECT_STREQ(d.rangeText, "50000-");
         return 0;
     });
+    answer.open();
     EXPECT_EQ(stream.size(), static_cast<long long>(kSize)) << "although 49000 bytes were buffered";
     expectRest(stream, 1000);
     EXPECT_EQ(m_server.requests().at(1).header("Range"), "bytes=50000-");

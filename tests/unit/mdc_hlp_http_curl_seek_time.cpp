@@ -52,6 +52,12 @@ struct WireForm
     const char* value;
 };
 
+// Names the test; without it the parameter's address would.
+void PrintTo(const WireForm& form, std::ostream* out)
+{
+    *out << form.milliseconds;
+}
+
 class EngineTimeSeekForm : public EngineTimeSeek, public testing::WithParamInterface<WireForm>
 {
 };
@@ -192,6 +198,7 @@ TEST_F(EngineTimeSeek, aSecondOneReplacesTheLineOfTheFirst)
     HttpStream stream;
     const auto desc = open(stream);
     mdchHttpCurl_doSeekTime(desc, 2000);
+    ASSERT_TRUE(m_server.waitForRequests(2));
     mdchHttpCurl_doSeekTime(desc, 3000);
     EXPECT_TRUE(kMedia.matches(3000, stream.readAll()));
     EXPECT_EQ(last().headerValues(kLine), std::vector<std::string>{"npt=3.0-"});

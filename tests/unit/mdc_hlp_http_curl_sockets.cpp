@@ -41,7 +41,10 @@ protected:
         return support::waitUntil([&] {
             int running = 0;
             curl_multi_socket_action(m_multi, CURL_SOCKET_TIMEOUT, 0, &running);
-            auto watched = m_interest.sockets();
+            std::vector<pollfd> watched;
+            for (const auto& socket : m_interest.sockets()) {
+                watched.push_back(socket.poll);
+            }
             if (poll(watched.data(), watched.size(), 10) > 0) {
                 for (const pollfd& entry : watched) {
                     if (entry.revents != 0) {
@@ -70,8 +73,9 @@ TEST_F(SocketInterest, watchesATransferThatWaitsForItsAnswer)
     HttpServer server;
     server.on("/", Reply::silence());
     start(server.url("/"));
-    EXPECT_TRUE(driveUntil(
-        [&] { return m_interest.sockets().size() == 1 && m_interest.sockets().front().events == POLLIN; }));
+    EXPECT_TRUE(driveUntil([&] {
+        return m_interest.sockets().size() == 1 && m_interest.sockets().front().poll.events == POLLIN;
+    }));
 }
 
 // Its server may hang up at any time, and poll would report that again and again.
@@ -92,6 +96,27 @@ TEST_F(SocketInterest, forgetsARemovedTransfer)
     EXPECT_TRUE(driveUntil([&] { return server.requests().size() == 1; }));
     curl_multi_remove_handle(m_multi, m_easy);
     EXPECT_TRUE(m_interest.sockets().empty());
+}
+
+// What poll told of the first must not be taken for the second's.
+TEST_F(SocketInterest, tellsASocketFromALaterOneOfTheSameNumber)
+{
+    HttpServer server;
+    server.on("/", Reply::silence());
+    start(server.url("/"));
+    ASSERT_TRUE(
+        driveUntil([&] { return server.requests().size() == 1 && m_interest.sockets().size() == 1; }));
+    const md::HttpSocketInterest::Socket first = m_interest.sockets().front();
+    EXPECT_TRUE(m_interest.isWatched(first.poll.fd, first.serial));
+
+    curl_multi_remove_handle(m_multi, m_easy);
+    EXPECT_FALSE(m_interest.isWatched(first.poll.fd, first.serial));
+    curl_multi_add_handle(m_multi, m_easy);
+    ASSERT_TRUE(
+        driveUntil([&] { return server.requests().size() == 2 && m_interest.sockets().size() == 1; }));
+    const md::HttpSocketInterest::Socket second = m_interest.sockets().front();
+    EXPECT_TRUE(m_interest.isWatched(second.poll.fd, second.serial));
+    EXPECT_FALSE(m_interest.isWatched(second.poll.fd, first.serial));
 }
 
 } // namespace

@@ -4,6 +4,15 @@
 
 namespace md {
 
+namespace {
+
+bool comesBefore(const HttpSocketInterest::Socket& entry, curl_socket_t wanted)
+{
+    return entry.poll.fd < wanted;
+}
+
+} // namespace
+
 void HttpSocketInterest::attach(CURLM* multi)
 {
     clear();
@@ -22,12 +31,16 @@ int HttpSocketInterest::onSocketChange(CURL* /*easy*/, curl_socket_t socket, int
     }
 }
 
+bool HttpSocketInterest::isWatched(curl_socket_t socket, std::uint64_t serial) const
+{
+    const auto at = std::lower_bound(m_sockets.begin(), m_sockets.end(), socket, comesBefore);
+    return at != m_sockets.end() && at->poll.fd == socket && at->serial == serial;
+}
+
 void HttpSocketInterest::update(curl_socket_t socket, int what)
 {
-    const auto at =
-        std::lower_bound(m_sockets.begin(), m_sockets.end(), socket,
-                         [](const pollfd& entry, curl_socket_t wanted) { return entry.fd < wanted; });
-    const bool known = at != m_sockets.end() && at->fd == socket;
+    const auto at = std::lower_bound(m_sockets.begin(), m_sockets.end(), socket, comesBefore);
+    const bool known = at != m_sockets.end() && at->poll.fd == socket;
     if (what == CURL_POLL_REMOVE || what == CURL_POLL_NONE) {
         // A watched socket without events would still report a hang-up, again and again.
         if (known) {
@@ -43,9 +56,9 @@ void HttpSocketInterest::update(curl_socket_t socket, int what)
         events = static_cast<short>(events | POLLOUT);
     }
     if (known) {
-        at->events = events;
+        at->poll.events = events;
     } else {
-        m_sockets.insert(at, pollfd{socket, events, 0});
+        m_sockets.insert(at, {{socket, events, 0}, ++m_lastSerial});
     }
 }
 

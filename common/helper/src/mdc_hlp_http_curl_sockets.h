@@ -7,6 +7,7 @@
 #ifndef MDC_HLP_HTTP_CURL_SOCKETS_H
 #define MDC_HLP_HTTP_CURL_SOCKETS_H
 
+#include <cstdint>
 #include <curl/curl.h>
 #include <poll.h>
 #include <vector>
@@ -22,13 +23,24 @@ public:
     /* Forgets all sockets. */
     void clear() { m_sockets.clear(); }
 
-    const std::vector<pollfd>& sockets() const { return m_sockets; }
+    /* A watched socket. The serial tells it from a later one of the same descriptor number. */
+    struct Socket
+    {
+        pollfd poll;
+        std::uint64_t serial;
+    };
+
+    const std::vector<Socket>& sockets() const { return m_sockets; }
+
+    /* Whether this very socket is still watched: what poll told of another one is not to be believed. */
+    bool isWatched(curl_socket_t socket, std::uint64_t serial) const;
 
 private:
     static int onSocketChange(CURL* easy, curl_socket_t socket, int what, void* self, void* perSocket);
     void update(curl_socket_t socket, int what);
 
-    std::vector<pollfd> m_sockets; // sorted by descriptor
+    std::vector<Socket> m_sockets; // sorted by descriptor
+    std::uint64_t m_lastSerial = 0;
 };
 
 } // namespace md

@@ -23,6 +23,15 @@ constexpr const char* kThreadFunction = "mdchHttpCurl_fillBuffer"; // all worker
 
 #define MDCH_WORKER_HERE md::traceBaseName(__FILE__), __LINE__, kThreadFunction
 
+// What poll tells of a socket, for libcurl. A hang-up or an error counts as whatever is waited for: libcurl reads
+// what is left, and then finds out itself.
+int libcurlEvents(const pollfd& watched)
+{
+    constexpr short kTrouble = POLLERR | POLLHUP | POLLNVAL;
+    const int told = (watched.revents & kTrouble) != 0 ? watched.events : watched.revents;
+    return ((told & POLLIN) != 0 ? CURL_CSELECT_IN : 0) | ((told & POLLOUT) != 0 ? CURL_CSELECT_OUT : 0);
+}
+
 // A completion message of libcurl, and the request that it belongs to.
 struct Completion
 {
@@ -70,7 +79,8 @@ private:
     HttpEngine& m_engine;
     CURLM* m_multi = nullptr; // the engine's, which is set to null before it is freed
     std::vector<md::MdchDescriptorPtr> m_snapshot;
-    std::vector<pollfd> m_watched; // the wake-up pipe first, if there is one
+    std::vector<pollfd> m_watched;        // the wake-up pipe first, if there is one
+    std::vector<std::uint64_t> m_serials; // of m_watched's sockets
     bool m_hasPipe = false;
     bool m_ready = false;    // m_watched holds results of the last wait
     bool m_lookAtAll = true; // somebody changed a state
@@ -194,14 +204,10 @@ void Worker::drive()
         m_ready = false;
         for (std::size_t i = m_hasPipe ? 1 : 0; i < m_watched.size(); ++i) {
             const pollfd& watched = m_watched[i];
-            if (watched.revents == 0) {
-                continue;
+            // A seek may have closed the socket meanwhile, and opened another one of the same number.
+            if (watched.revents != 0 && m_engine.sockets.isWatched(watched.fd, m_serials[i])) {
+                curl_multi_socket_action(m_multi, watched.fd, libcurlEvents(watched), &running);
             }
-            int events = (watched.revents & (POLLIN | POLLHUP)) != 0 ? CURL_CSELECT_IN : 0;
-            events |= (watched.revents & POLLOUT) != 0 ? CURL_CSELECT_OUT : 0;
-            events |= (watched.revents & (POLLERR | POLLNVAL)) != 0 ? CURL_CSELECT_ERR : 0;
-            // A socket that went meanwhile is unknown to libcurl, which then does nothing.
-            curl_multi_socket_action(m_multi, watched.fd, events, &running);
         }
     }
     curl_multi_socket_action(m_multi, CURL_SOCKET_TIMEOUT, 0, &running);
@@ -268,15 +274,20 @@ void Worker::prepareWait()
     }
     m_hasPipe = readEnd > 0;
     m_watched.clear();
+    m_serials.clear();
     const MdpFairLock engineLock(m_engine.mutex);
     try {
         if (m_hasPipe) {
             m_watched.push_back({readEnd, POLLIN, 0});
+            m_serials.push_back(0);
         }
-        const auto& sockets = m_engine.sockets.sockets();
-        m_watched.insert(m_watched.end(), sockets.begin(), sockets.end());
+        for (const md::HttpSocketInterest::Socket& socket : m_engine.sockets.sockets()) {
+            m_watched.push_back(socket.poll);
+            m_serials.push_back(socket.serial);
+        }
     } catch (const std::bad_alloc&) {
         m_watched.clear();
+        m_serials.clear();
         m_hasPipe = false;
         MDCH_TRACE(md::kTraceError, "%s(): E: curl_multi_fdset\n", kThreadFunction);
     }
