@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cmath>
 #include <fstream>
 #include <iostream>
 #include <map>
@@ -25,9 +26,13 @@ URL is http://..., https://..., file://... or a path.
 Examples:
   mdch info http://radio.example/live --icy
   mdch cat https://media.example/film.ts --ca-path /etc/ssl/media -o film.ts
+  mdch cat http://media.example/film.ts --offset -65536 -o end.ts
 
 Options:
   -o, --output FILE             cat: write to FILE
+      --offset BYTES            cat: start there; -N starts N bytes before the end
+      --time SECONDS            cat: start at that play time (DLNA servers)
+      --length BYTES            cat: stop after so many bytes
       --user-agent TEXT         User-Agent to send
       --header "NAME: VALUE"    one more request header line; may be repeated
       --cookie NAME=VALUE       cookies to send, joined by ";"
@@ -52,6 +57,7 @@ constexpr int kSmallestBuffer = 98304;
 constexpr int kLargestBuffer = 3211264;
 constexpr int kLongestTimeout = 86400;
 constexpr int kHighestPort = 65535;
+constexpr double kLatestSecond = 4294967; // in milliseconds still 32 bits
 
 // What CLI11 fills in and is not yet in the form of Arguments.
 struct Raw
@@ -99,6 +105,20 @@ void addOptions(CLI::App& command, Arguments& arguments, Raw& raw)
     });
 }
 
+void addCatOptions(CLI::App& cat, Arguments& arguments)
+{
+    cat.add_option("-o,--output", arguments.output);
+    CLI::Option* offset = cat.add_option("--offset", arguments.offset);
+    cat.add_option_function<double>("--time",
+                                    [&arguments](double seconds) {
+                                        constexpr double kMsPerSecond = 1000;
+                                        arguments.timeMs = std::llround(seconds * kMsPerSecond);
+                                    })
+        ->check(CLI::Range(0.0, kLatestSecond))
+        ->excludes(offset);
+    cat.add_option("--length", arguments.length)->check(CLI::NonNegativeNumber);
+}
+
 // "host:port"; an IPv6 address stands in brackets, which stay.
 bool splitProxy(const std::string& text, Arguments& arguments)
 {
@@ -141,7 +161,7 @@ bool parseArguments(int argc, char** argv, Arguments& arguments, int& status)
     CLI::App* cat = app.add_subcommand("cat");
     addOptions(*info, arguments, raw);
     addOptions(*cat, arguments, raw);
-    cat->add_option("-o,--output", arguments.output);
+    addCatOptions(*cat, arguments);
     app.require_subcommand(1);
 
     try {

@@ -17,7 +17,10 @@ struct Arguments
 
     Command command = Command::kInfo;
     std::string url;
-    std::string output; // empty: standard output
+    std::string output;       // empty: standard output
+    std::int64_t offset = 0;  // first byte; negative: that many before the end
+    std::int64_t timeMs = -1; // play time to start at; negative: not asked for
+    std::int64_t length = -1; // most bytes; negative: all
 
     std::string userAgent = "mdch/" MDCH_VERSION;
     std::vector<std::string> headerLines;

@@ -4,9 +4,11 @@
 #include "open.h"
 #include "output.h"
 #include "progress.h"
+#include "start.h"
 
 #include "mdc_hlp_http_access.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <unistd.h>
@@ -26,8 +28,16 @@ struct Copying
     Output& output;
     Interrupt& interrupt;
     std::string url;
-    std::int64_t total;
+    std::int64_t total; // that are to come; negative: unknown
+    std::int64_t limit; // most that are wanted; negative: all
     std::int64_t count = 0;
+
+    // Bytes to ask for at once: not more than are wanted.
+    unsigned int nextPiece(std::size_t piece) const
+    {
+        const auto most = static_cast<std::int64_t>(piece);
+        return static_cast<unsigned int>(limit >= 0 ? std::min(most, limit - count) : most);
+    }
 };
 
 Failure readFailure(const Copying& copying, int code, int savedErrno)
@@ -55,8 +65,12 @@ bool isWhole(const Copying& copying, int savedErrno, Failure& failure)
 bool copyAll(Copying& copying, Progress& progress, Failure& failure)
 {
     std::array<unsigned char, kPiece> buffer{};
-    const auto wanted = static_cast<unsigned int>(copying.total >= 0 ? kPiece : kLivePiece);
+    const std::size_t piece = copying.total >= 0 ? kPiece : kLivePiece;
     while (!copying.interrupt.requested()) {
+        const unsigned int wanted = copying.nextPiece(piece);
+        if (wanted == 0) {
+            return true;
+        }
         errno = 0;
         const int got = copying.source.stream->read(buffer.data(), wanted);
         const int savedErrno = errno;
@@ -84,6 +98,9 @@ int runCat(const Arguments& arguments, Interrupt& interrupt)
     if (!openSource(arguments, source, failure)) {
         return interrupt.requested() ? interrupt.report() : report(failure);
     }
+    if (!moveToStart(arguments, source, failure)) {
+        return interrupt.requested() ? interrupt.report() : report(failure);
+    }
     // Opened after the source, so that a wrong address leaves an existing file alone.
     Output output(arguments.output);
     if (!output.open(localPath(arguments.url), failure)) {
@@ -92,8 +109,9 @@ int runCat(const Arguments& arguments, Interrupt& interrupt)
     if (source.http != nullptr) {
         interrupt.setAction([stream = source.stream] { stream->close(); }); // releases a waiting read
     }
-    Progress progress(source.stream->size(), isatty(STDERR_FILENO) != 0 && !output.isTerminal());
-    Copying copying{source, output, interrupt, arguments.url, source.stream->size()};
+    const std::int64_t expected = expectedBytes(arguments, source);
+    Progress progress(expected, isatty(STDERR_FILENO) != 0 && !output.isTerminal());
+    Copying copying{source, output, interrupt, arguments.url, expected, arguments.length};
     const bool whole = copyAll(copying, progress, failure);
     interrupt.setAction(nullptr);
     progress.clear();
