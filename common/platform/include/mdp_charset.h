@@ -2,8 +2,6 @@
 #ifndef MDP_CHARSET_H
 #define MDP_CHARSET_H
 
-#include "mdp_export.h"
-
 #include <string>
 
 /*
@@ -11,6 +9,6 @@
  * bytes 0x80 to 0xff become two bytes (control codes 0x80 to 0x9f included), all others stay as they are,
  * NUL included. Throws std::bad_alloc only.
  */
-MDP_API std::string mdpLatin1ToUtf8(const std::string& latin1);
+std::string mdpLatin1ToUtf8(const std::string& latin1);
 
 #endif

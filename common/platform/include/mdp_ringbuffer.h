@@ -7,12 +7,10 @@
 #ifndef MDP_RINGBUFFER_H
 #define MDP_RINGBUFFER_H
 
-#include "mdp_export.h"
-
 #include <cstddef>
 #include <sys/types.h>
 
-class MDP_API MdpRingBuffer
+class MdpRingBuffer
 {
 public:
     MdpRingBuffer() = default;

@@ -9,8 +9,6 @@
 #ifndef MDP_THREAD_H
 #define MDP_THREAD_H
 
-#include "mdp_export.h"
-
 #include <cstdint>
 #include <pthread.h>
 #include <time.h>
@@ -23,7 +21,7 @@ struct MdpLockLevel
 };
 
 /* A mutex (POSIX, default attributes: not recursive), destroyed with the object. */
-class MDP_API MdpMutex
+class MdpMutex
 {
 public:
     explicit MdpMutex(MdpLockLevel level = {});
@@ -43,7 +41,7 @@ private:
  * Scoped guard of an MdpMutex, or of a POSIX mutex that stands in a record. Locks in the constructor,
  * unlocks in the destructor unless unlock() came first. One thread uses a guard; it is not copied.
  */
-class MDP_API MdpLock
+class MdpLock
 {
 public:
     explicit MdpLock(MdpMutex& mutex);
@@ -74,7 +72,7 @@ private:
  * A mutex that serves its callers in the order in which they came. A thread that releases it and asks for
  * it again at once queues behind those who wait, which a plain mutex does not promise.
  */
-class MDP_API MdpFairMutex
+class MdpFairMutex
 {
 public:
     explicit MdpFairMutex(MdpLockLevel level = {});
@@ -94,7 +92,7 @@ private:
 };
 
 /* Scoped guard of an MdpFairMutex that can unlock and lock again. */
-class MDP_API MdpFairLock
+class MdpFairLock
 {
 public:
     explicit MdpFairLock(MdpFairMutex& mutex) : m_fairMutex(mutex) { lock(); }
@@ -127,7 +125,7 @@ private:
  * One thread with a name. It runs with all signals blocked but those that a fault of its own raises, so a
  * process's signals reach the application's threads, and a broken connection cannot raise SIGPIPE on it.
  */
-class MDP_API MdpThread
+class MdpThread
 {
 public:
     using Entry = void* (*)(void*);

@@ -1,0 +1,56 @@
+// What the shared library shows to the world: its interface, and nothing of the engine.
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+class SharedLibrary : public testing::Test
+{
+protected:
+    // Not closed: it stays loaded anyway.
+    void* m_library = dlopen(MDC_LIBRARY_FILE, RTLD_NOW | RTLD_LOCAL);
+
+    bool shows(const char* symbol) const { return dlsym(m_library, symbol) != nullptr; }
+};
+
+TEST_F(SharedLibrary, showsTheInterface)
+{
+    ASSERT_NE(m_library, nullptr) << dlerror();
+    for (const char* symbol :
+         {"userAgent",          "mdch_UrlInit",       "mdch_getUserAgent", "mdch_UrlOpen",
+          "mdch_UrlOpenExt",    "mdch_UrlClose",      "mdch_UrlRead",      "mdch_UrlWrite",
+          "mdch_UrlTell",       "mdch_UrlSeek",       "mdch_UrlSeekTime",  "mdch_UrlGetc",
+          "mdch_UrlEof",        "mdch_UrlError",      "mdch_UrlClearerr",  "mdch_UrlSize",
+          "mdch_UrlIsSeekable", "mdch_UrlCapability", "mdch_UrlPause",     "mdch_UrlResume"}) {
+        EXPECT_TRUE(shows(symbol)) << symbol;
+    }
+    EXPECT_TRUE(shows("_ZN11MdchUrlBase14createInstanceEPKc"));
+    EXPECT_TRUE(shows("_ZTI11MdchUrlBase")) << "streams are cast to their back-end";
+    EXPECT_TRUE(shows("_ZTIN2md10HttpAccessE"));
+    EXPECT_TRUE(shows("_ZN2md10HttpAccess8shutdownEv"));
+    EXPECT_TRUE(shows("_ZTI11MdchUrlFile"));
+    EXPECT_TRUE(shows("mdchHttpSsl_setCertificate"));
+    EXPECT_TRUE(shows("mdchHttpSsl_cleanupCerts"));
+    EXPECT_TRUE(shows("mdchHttpSsl_verifyCertificateCallback"));
+}
+
+TEST_F(SharedLibrary, showsThePlatformsSetUp)
+{
+    ASSERT_NE(m_library, nullptr);
+    EXPECT_TRUE(shows("mdpDebugSetSeverity"));
+    EXPECT_TRUE(shows("mdpDebugSetSink"));
+}
+
+TEST_F(SharedLibrary, hidesTheEngine)
+{
+    ASSERT_NE(m_library, nullptr);
+    EXPECT_FALSE(shows("mdchHttpCurl_writeCallback"));
+    EXPECT_FALSE(shows("mdchHttpCurl_headerCallback"));
+    EXPECT_FALSE(shows("mdchHttpCurl_sslctxCallback"));
+    EXPECT_FALSE(shows("_Z30mdchHttpCurl_wakeupWorkerThreadv"));
+    EXPECT_FALSE(shows("_Z23mdchHttpCurl_getContexti"));
+    EXPECT_FALSE(shows("_ZN13MdpRingBuffer7releaseEv"));
+}
+
+} // namespace
