@@ -7,9 +7,9 @@
 
 #include "mdc_hlp_http_access.h"
 #include "mdc_hlp_http_curl.h"
+#include "support/engine.h"
 #include "support/wait.h"
 
-#include <array>
 #include <cstdint>
 #include <deque>
 #include <string>
@@ -88,28 +88,10 @@ public:
     int number() const { return m_number; }
 
     /* Reads to the end of the transfer. */
-    std::string readAll()
-    {
-        std::string all;
-        std::array<unsigned char, 16384> piece{};
-        for (;;) {
-            const int count = read(piece.data(), static_cast<unsigned int>(piece.size()));
-            if (count <= 0) {
-                return all;
-            }
-            all.append(piece.begin(), piece.begin() + count);
-        }
-    }
+    std::string readAll() { return support::readAll(*this); }
 
     /* Up to count bytes. */
-    std::string readSome(unsigned int count)
-    {
-        std::string bytes(count, '\0');
-        std::vector<unsigned char> piece(count);
-        const int got = read(piece.data(), count);
-        bytes.assign(piece.begin(), piece.begin() + (got > 0 ? got : 0));
-        return bytes;
-    }
+    std::string readSome(unsigned int count) { return support::readSome(*this, count); }
 
     std::string fetch(const std::string& url)
     {

@@ -1,8 +1,6 @@
 // Pauses and resumes beside a reader and beside seeks: every byte comes, in its order, and nobody waits in vain.
 
-#include "support/engine.h"
-#include "support/http_client.h"
-#include "support/http_server.h"
+#include "support/race.h"
 
 #include <atomic>
 #include <chrono>
@@ -16,67 +14,15 @@ namespace {
 
 using support::HttpServer;
 using support::HttpStream;
-using support::Media;
 using support::Reply;
 
-const Media kMedia(30);
-constexpr std::uint64_t kSize = 3'000'000;
+const support::Media& kMedia = support::kRaceMedia;
+constexpr std::uint64_t kSize = support::kRaceSize;
 using Random = std::mt19937;
+using support::upTo;
 
-int upTo(Random& random, int most)
+class PauseRace : public support::Race
 {
-    return std::uniform_int_distribution<int>(0, most)(random);
-}
-
-class PauseRace : public testing::Test
-{
-protected:
-    support::EngineStopped m_stopped;
-    HttpServer m_server;
-
-    void open(HttpStream& stream) const
-    {
-        stream.start(m_server.url("/"));
-        EXPECT_EQ(stream.getResponseCode(), 200);
-    }
-
-    // What is read next must be what stands at tell(); only one thread uses the stream.
-    static testing::AssertionResult standsWhereItTells(HttpStream& stream)
-    {
-        const long long position = stream.tell();
-        const std::string bytes = stream.readSome(1000);
-        const auto from = static_cast<std::uint64_t>(position);
-        if (bytes.size() != std::min<std::uint64_t>(1000, from < kSize ? kSize - from : 0)) {
-            return testing::AssertionFailure()
-                   << bytes.size() << " bytes at " << position << ", error " << stream.error();
-        }
-        if (!kMedia.matches(from, bytes)) {
-            return testing::AssertionFailure() << "wrong bytes at " << position;
-        }
-        return testing::AssertionSuccess();
-    }
-
-    // Runs the functions at the same time, each on a thread of its own; false when one does not come back.
-    static bool together(std::vector<std::function<void()>> functions)
-    {
-        std::atomic<std::size_t> ready{0};
-        std::vector<std::future<void>> threads;
-        for (auto& function : functions) {
-            threads.push_back(std::async(std::launch::async, [&ready, &functions, &function] {
-                ++ready;
-                while (ready < functions.size()) {
-                    std::this_thread::yield();
-                }
-                function();
-            }));
-        }
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-        bool inTime = true;
-        for (auto& thread : threads) {
-            inTime = thread.wait_until(deadline) == std::future_status::ready && inTime;
-        }
-        return inTime;
-    }
 };
 
 // --- A reader, and pauses and resumes ---
