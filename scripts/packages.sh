@@ -6,7 +6,7 @@
     packages_build="cmake ninja-build g++ pkg-config libcurl4-openssl-dev libssl-dev libboost-dev
         libboost-thread-dev libboost-system-dev libmount-dev libcli11-dev"
     packages_demo="nginx-light icecast2 ffmpeg openssl"
-    packages_test="$packages_build $packages_demo libgtest-dev libgmock-dev curl"
+    packages_test="$packages_build $packages_demo libgtest-dev libgmock-dev minidlna curl"
     packages_lint="clang-format-14 clang-tidy-14"
 }
 
