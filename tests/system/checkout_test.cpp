@@ -70,8 +70,8 @@ TEST_F(FreshCheckoutTest, RunBuildInstallUse)
                    "cmake_minimum_required(VERSION 3.25)\nproject(user LANGUAGES CXX)\n"
                    "add_executable(player player.cpp)\n" +
                        theFence("README.md", "cmake"));
-    const Result used =
-        shell("user", "cmake -S . -B build -DCMAKE_PREFIX_PATH=\"$HOME/.local\"\ncmake --build build");
+    const Result used = shell(
+        "user", "cmake -G Ninja -S . -B build -DCMAKE_PREFIX_PATH=\"$HOME/.local\"\ncmake --build build");
     ASSERT_EQ(used.status, 0) << used.out << used.err;
     expectShowsTheEnd(m_folder.file("user/build/player"));
 }
