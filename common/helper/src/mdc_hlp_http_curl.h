@@ -215,7 +215,7 @@ std::int32_t mdchHttpCurl_initDescriptor(const boost::shared_ptr<md::MdchCurlDes
  */
 void mdchHttpCurl_discardRequest(md::MdchCurlDescriptor_struct& desc);
 
-/* Asks for the bytes from position on; -1 asks without a Range. Rebuilds the header list where needed. */
+/* Asks for the bytes from position on. Rebuilds the header list where the Range stands in it. */
 void mdchHttpCurl_setRange(md::MdchCurlDescriptor_struct& desc, std::int64_t position, const char* function);
 
 /* Hands requestHeaderLines, and extraLine if not null, to the handle as its header list. */

@@ -165,6 +165,17 @@ void applyCookies(MdchCurlDescriptor_struct& desc, const char* function)
     curl_easy_setopt(desc.easy, CURLOPT_COOKIE, desc.cookies.c_str());
 }
 
+// A POST carries its Range in the header list, which is built from what is noted here: libcurl would turn
+// CURLOPT_RANGE of a POST into "Content-Range".
+void noteRange(MdchCurlDescriptor_struct& desc, std::int64_t position)
+{
+    desc.requestedStart = position;
+    std::snprintf(desc.rangeText, sizeof(desc.rangeText), "%lld-", static_cast<long long>(position));
+    if (desc.postData == nullptr) {
+        curl_easy_setopt(desc.easy, CURLOPT_RANGE, desc.rangeText);
+    }
+}
+
 void forgetReceived(MdchCurlDescriptor_struct& desc)
 {
     desc.ringBuffer.release();
@@ -264,7 +275,6 @@ void mdchHttpCurl_rebuildRequestHeaders(MdchCurlDescriptor_struct& desc, const c
         add(line.c_str());
     }
     if (desc.postData != nullptr && desc.requestedStart >= 0) {
-        // libcurl would turn CURLOPT_RANGE of a POST into "Content-Range".
         add(("Range: bytes=" + std::string(desc.rangeText)).c_str());
     }
     if (extraLine != nullptr) {
@@ -275,16 +285,9 @@ void mdchHttpCurl_rebuildRequestHeaders(MdchCurlDescriptor_struct& desc, const c
 
 void mdchHttpCurl_setRange(MdchCurlDescriptor_struct& desc, std::int64_t position, const char* function)
 {
-    desc.requestedStart = position;
-    if (position >= 0) {
-        std::snprintf(desc.rangeText, sizeof(desc.rangeText), "%lld-", static_cast<long long>(position));
-    } else {
-        desc.rangeText[0] = '\0';
-    }
+    noteRange(desc, position);
     if (desc.postData != nullptr) {
         mdchHttpCurl_rebuildRequestHeaders(desc, nullptr, function);
-    } else {
-        curl_easy_setopt(desc.easy, CURLOPT_RANGE, position >= 0 ? desc.rangeText : nullptr);
     }
 }
 
@@ -307,11 +310,7 @@ std::int32_t mdchHttpCurl_initDescriptor(const boost::shared_ptr<MdchCurlDescrip
     }
     applyTransferMode(*desc);
     if (startPos != 0 || (desc->dlnaTransferMode == 0 && desc->forceRange)) {
-        std::snprintf(desc->rangeText, sizeof(desc->rangeText), "%lld-", startPos);
-        desc->requestedStart = startPos;
-        if (desc->postData == nullptr) {
-            curl_easy_setopt(easy, CURLOPT_RANGE, desc->rangeText);
-        }
+        noteRange(*desc, startPos);
     }
     applyProxy(easy, __func__);
     if (!desc->userAgent.empty()) {

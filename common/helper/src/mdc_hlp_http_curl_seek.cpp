@@ -153,10 +153,6 @@ bool isCompletelyReceived(const MdchCurlDescriptor_struct& desc)
     return ended || (desc.length > 0 && desc.writePos >= desc.length);
 }
 
-} // namespace
-
-namespace {
-
 // Named as its traces name it.
 void mdchHttpCurl_resumeFromPause(HttpEngine& engine, MdchCurlDescriptor_struct& desc)
 {
