@@ -3,17 +3,20 @@
  *
  * "file://" in front of a path is taken away, whatever its case; nothing else is decoded, so
  * "file://media/x" is the relative path "media/x". One caller at a time, but for close: it may come while
- * another thread is inside an operation, and the file is closed when the last of them returns. The object's
- * mutex guards which file is open, nothing more.
+ * another thread is inside an operation, and the file is closed when the last of them returns.
  */
 #ifndef MDC_HLP_URL_FILE_H
 #define MDC_HLP_URL_FILE_H
 
 #include "mdc_hlp_url_base.h"
-#include "mdp_thread.h"
 
 #include <cstdio>
 #include <memory>
+
+namespace md {
+template <class Handle>
+class SharedHandle;
+}
 
 class MDCH_API MdchUrlFile : public MdchUrlBase
 {
@@ -60,11 +63,7 @@ public:
     int resume() override;
 
 private:
-    class File;
-    class Use;
-
-    MdpMutex m_mutex;
-    std::shared_ptr<File> m_stream; // guarded by m_mutex; empty when not open
+    std::unique_ptr<md::SharedHandle<FILE>> m_stream; // never null
 };
 
 #endif

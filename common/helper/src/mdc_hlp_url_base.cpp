@@ -3,6 +3,8 @@
 #include "mdc_hlp_http_access.h"
 #include "mdc_hlp_trace.h"
 #include "mdc_hlp_url_file.h"
+#include "mdc_hlp_url_nvol2.h"
+#include "mdc_hlp_url_udp.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -13,6 +15,8 @@
 #include <strings.h>
 
 namespace {
+
+constexpr const char* kVolumeScheme = "nvl2://";
 
 bool beginsWith(const char* url, const char* scheme)
 {
@@ -116,6 +120,14 @@ MdchUrlBase* MdchUrlBase::createInstance(const char* url)
         MDCH_TRACE(md::kTraceCall, "%s(%s) => HTTP\n", __func__, text);
         return new md::HttpAccess;
     }
+    if (beginsWith(text, "udp://")) {
+        MDCH_TRACE(md::kTraceCall, "%s(%s) => UDP\n", __func__, text);
+        return new MdchUrlUdp;
+    }
+    if (beginsWith(text, kVolumeScheme)) {
+        MDCH_TRACE(md::kTraceCall, "%s(%s) => NVL2\n", __func__, text);
+        return new MdchUrlNvol2;
+    }
     MDCH_TRACE(md::kTraceCall, "%s(%s) => FILE\n", __func__, text);
     return new MdchUrlFile;
 }
@@ -127,7 +139,14 @@ int mdch_OpenUrl(const char* url, int mode, mdch_UrlExtended_struct* ext,
         storeError(ext, -EINVAL);
         return -EINVAL;
     }
-    const std::string workingUrl(url);
+    std::string workingUrl(url);
+    if (ext != nullptr && (ext->flags & MDCH_URL_NATIVE_PATH) != 0 && beginsWith(url, kVolumeScheme)) {
+        std::string native;
+        if (md::nvol2UrlToNative(workingUrl, native)) {
+            MDCH_TRACE(md::kTraceCall, "%s() nvol2 translated name=%s\n", __func__, native.c_str());
+            workingUrl.swap(native);
+        }
+    }
     stream.reset(MdchUrlBase::createInstance(workingUrl.c_str()));
     if (stream == nullptr) {
         return -ENOMEM;

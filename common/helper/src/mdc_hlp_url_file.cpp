@@ -1,6 +1,7 @@
 #include "mdc_hlp_url_file.h"
 
 #include "mdc_hlp_trace.h"
+#include "mdc_hlp_url_handle.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -36,63 +37,14 @@ const char* libraryMode(int mode)
     }
 }
 
+int closeStream(FILE* stream)
+{
+    return stream != nullptr ? fclose(stream) : 0;
+}
+
 } // namespace
 
-// Owns a C library stream. Held by the object and by each operation under way.
-class MdchUrlFile::File
-{
-public:
-    explicit File(FILE* stream) : m_stream(stream) {}
-    ~File()
-    {
-        if (m_stream != nullptr) {
-            fclose(m_stream);
-        }
-    }
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
-
-    FILE* get() const { return m_stream; }
-
-    // Only by the last holder.
-    int close()
-    {
-        FILE* stream = m_stream;
-        m_stream = nullptr;
-        return fclose(stream);
-    }
-
-private:
-    FILE* m_stream;
-};
-
-// An operation under way: keeps the file that was open at its start. The hold is given up under the object's
-// mutex, so that a close can tell whether it is the last holder.
-class MdchUrlFile::Use
-{
-public:
-    explicit Use(MdchUrlFile& owner) : m_owner(owner)
-    {
-        const MdpLock lock(m_owner.m_mutex);
-        m_file = m_owner.m_stream;
-    }
-    ~Use()
-    {
-        const MdpLock lock(m_owner.m_mutex);
-        m_file.reset();
-    }
-    Use(const Use&) = delete;
-    Use& operator=(const Use&) = delete;
-
-    // Null when the stream is not open.
-    FILE* stream() const { return m_file != nullptr ? m_file->get() : nullptr; }
-
-private:
-    MdchUrlFile& m_owner;
-    std::shared_ptr<File> m_file;
-};
-
-MdchUrlFile::MdchUrlFile()
+MdchUrlFile::MdchUrlFile() : m_stream(std::make_unique<md::SharedHandle<FILE>>(closeStream))
 {
     MDCH_TRACE(md::kTraceCall, "MdchUrlFile::%s()\n", "MdchUrlFile");
 }
@@ -100,7 +52,7 @@ MdchUrlFile::MdchUrlFile()
 MdchUrlFile::~MdchUrlFile()
 {
     MDCH_TRACE(md::kTraceCall, "MdchUrlFile::%s()\n", "~MdchUrlFile");
-    if (m_stream != nullptr) {
+    if (m_stream->use() != nullptr) {
         MdchUrlFile::close();
     }
 }
@@ -120,56 +72,47 @@ int MdchUrlFile::open(const char* url, int mode)
     }
     FILE* stream = fopen64(path, how);
     const int result = stream != nullptr ? 0 : -errno;
-    std::shared_ptr<File> file = stream != nullptr ? std::make_shared<File>(stream) : nullptr;
-    const MdpLock lock(m_mutex);
-    m_stream.swap(file);
+    m_stream->replace(stream);
     return result;
 }
 
 int MdchUrlFile::close()
 {
     traceEntry("close");
-    std::shared_ptr<File> file;
-    bool last = false;
-    {
-        const MdpLock lock(m_mutex);
-        file.swap(m_stream);
-        last = file.use_count() == 1; // otherwise the last operation under way closes it
-    }
-    return last ? file->close() : 0;
+    return m_stream->close();
 }
 
 int MdchUrlFile::read(unsigned char* buffer, unsigned int size)
 {
     traceEntry("read");
-    const Use use(*this);
-    if (use.stream() == nullptr) {
+    const std::shared_ptr<FILE> stream = m_stream->use();
+    if (stream == nullptr) {
         errno = EBADF;
         return 0;
     }
-    return static_cast<int>(fread(buffer, 1, atMostInt(size), use.stream()));
+    return static_cast<int>(fread(buffer, 1, atMostInt(size), stream.get()));
 }
 
 int MdchUrlFile::write(unsigned char* buffer, unsigned int size)
 {
     traceEntry("write");
-    const Use use(*this);
-    if (use.stream() == nullptr) {
+    const std::shared_ptr<FILE> stream = m_stream->use();
+    if (stream == nullptr) {
         errno = EBADF;
         return 0;
     }
-    return static_cast<int>(fwrite(buffer, 1, atMostInt(size), use.stream()));
+    return static_cast<int>(fwrite(buffer, 1, atMostInt(size), stream.get()));
 }
 
 long long MdchUrlFile::tell()
 {
     traceEntry("tell");
-    const Use use(*this);
-    if (use.stream() == nullptr) {
+    const std::shared_ptr<FILE> stream = m_stream->use();
+    if (stream == nullptr) {
         errno = EBADF;
         return -1;
     }
-    return ftello64(use.stream());
+    return ftello64(stream.get());
 }
 
 int MdchUrlFile::seek(long long offset, int whence)
@@ -179,12 +122,12 @@ int MdchUrlFile::seek(long long offset, int whence)
         errno = EINVAL;
         return -1;
     }
-    const Use use(*this);
-    if (use.stream() == nullptr) {
+    const std::shared_ptr<FILE> stream = m_stream->use();
+    if (stream == nullptr) {
         errno = EBADF;
         return -1;
     }
-    return fseeko64(use.stream(), offset, whence);
+    return fseeko64(stream.get(), offset, whence);
 }
 
 int MdchUrlFile::seekTime(unsigned int /*time*/)
@@ -196,30 +139,30 @@ int MdchUrlFile::seekTime(unsigned int /*time*/)
 int MdchUrlFile::getc()
 {
     traceEntry("getc");
-    const Use use(*this);
-    return use.stream() != nullptr ? fgetc(use.stream()) : -1;
+    const std::shared_ptr<FILE> stream = m_stream->use();
+    return stream != nullptr ? fgetc(stream.get()) : -1;
 }
 
 int MdchUrlFile::eof()
 {
     traceEntry("eof");
-    const Use use(*this);
-    return use.stream() != nullptr ? feof(use.stream()) : -1;
+    const std::shared_ptr<FILE> stream = m_stream->use();
+    return stream != nullptr ? feof(stream.get()) : -1;
 }
 
 int MdchUrlFile::error()
 {
     traceEntry("error");
-    const Use use(*this);
-    return use.stream() != nullptr ? ferror(use.stream()) : 0;
+    const std::shared_ptr<FILE> stream = m_stream->use();
+    return stream != nullptr ? ferror(stream.get()) : 0;
 }
 
 void MdchUrlFile::clearerr()
 {
     traceEntry("clearerr");
-    const Use use(*this);
-    if (use.stream() != nullptr) {
-        ::clearerr(use.stream());
+    const std::shared_ptr<FILE> stream = m_stream->use();
+    if (stream != nullptr) {
+        ::clearerr(stream.get());
     }
 }
 
@@ -236,13 +179,13 @@ unsigned int MdchUrlFile::capability()
 long long MdchUrlFile::size()
 {
     traceEntry("size");
-    const Use use(*this);
-    if (use.stream() == nullptr) {
+    const std::shared_ptr<FILE> stream = m_stream->use();
+    if (stream == nullptr) {
         errno = EBADF;
         return -1;
     }
     struct stat64 facts = {};
-    const int result = fstat64(fileno(use.stream()), &facts);
+    const int result = fstat64(fileno(stream.get()), &facts);
     return result < 0 ? result : facts.st_size;
 }
 
