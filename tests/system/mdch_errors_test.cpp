@@ -54,18 +54,28 @@ protected:
 
 TEST_F(MdchErrorsTest, WrongUsageIsStatus1)
 {
-    expectFailure(mdch({}), 1, "a command is missing: info or cat. Try mdch --help.");
-    expectFailure(mdch({"play"}), 1, "\"play\" is no command: info or cat. Try mdch --help.");
-    expectFailure(mdch({"info"}), 1, "URL is required. Try mdch --help.");
-    expectFailure(mdch({"info", ""}), 1, "the URL is empty. Try mdch --help.");
+    std::string names;
+    const std::vector<std::string> commands = support::mdchCommands();
+    for (std::size_t index = 0; index < commands.size(); ++index) {
+        names += (index == 0 ? "" : index + 1 < commands.size() ? ", " : " or ") + commands[index];
+    }
+    expectFailure(mdch({}), 1, "a command is missing: " + names + ". Try mdch --help.");
+    expectFailure(mdch({"play"}), 1, "\"play\" is no command: " + names + ". Try mdch --help.");
+    expectFailure(mdch({"--none", "x"}), 1, "A subcommand is required. Try mdch --help.");
+    expectFailure(mdch({"info"}), 1, "URL is required. Try mdch info --help.");
+    expectFailure(mdch({"info", ""}), 1, "URL: it is empty. Try mdch info --help.");
     expectFailure(mdch({"cat", "x", "--proxy", "here"}), 1,
-                  "--proxy: \"here\" is not HOST:PORT. Try mdch --help.");
+                  "--proxy: \"here\" is not HOST:PORT. Try mdch cat --help.");
     expectFailure(mdch({"cat", "x", "--proxy", "here:99999"}), 1,
-                  "--proxy: \"here:99999\" is not HOST:PORT. Try mdch --help.");
+                  "--proxy: \"here:99999\" is not HOST:PORT. Try mdch cat --help.");
     expectFailure(mdch({"cat", "x", "--dlna-mode", "fast"}), 1,
-                  "--dlna-mode: \"fast\" is not streaming, interactive or background. Try mdch --help.");
+                  "--dlna-mode: \"fast\" is not streaming, interactive or background. Try mdch cat --help.");
     expectFailure(mdch({"cat", "x", "--header", "no colon"}), 1,
-                  "--header: \"no colon\" is no header line (NAME: VALUE). Try mdch --help.");
+                  "--header: \"no colon\" is no header line (NAME: VALUE). Try mdch cat --help.");
+    expectFailure(mdch({"cat", "x", "--volume", "A"}), 1,
+                  "--volume: \"A\" is not UUID=DIR. Try mdch cat --help.");
+    expectFailure(mdch({"cat", "x", "--volume", "A=/nonexistent"}), 1,
+                  "--volume: \"A=/nonexistent\": No such file or directory. Try mdch cat --help.");
     for (const std::vector<std::string>& command : {std::vector<std::string>{"info", "x", "y"},
                                                     {"info", "x", "--output", "y"},
                                                     {"cat", "x", "--none"},
@@ -179,9 +189,10 @@ TEST_F(MdchErrorsTest, LocalFiles)
     expectCannotOpen("/nonexistent/song", {}, 9, "No such file or directory. Check the path.");
     expectCannotOpen("file:///nonexistent/song", {}, 9, "No such file or directory. Check the path.");
     expectCannotOpen(m_folder.path(), {}, 9, "Is a directory. Name a file.");
-    expectCannotOpen("gopher://127.0.0.1/song", {}, 9,
-                     "No such file or directory. "
-                     "Addresses begin with http://, https:// or file://; anything else is a path.");
+    expectCannotOpen(
+        "gopher://127.0.0.1/song", {}, 9,
+        "No such file or directory. "
+        "Addresses begin with http://, https://, udp://, nvl2:// or file://; anything else is a path.");
     expectFailure(mdch({"cat", "x", "--key-password-file", "/nonexistent"}), 9,
                   "cannot read /nonexistent: No such file or directory. Check the path.");
 }

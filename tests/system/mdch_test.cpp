@@ -31,21 +31,40 @@ protected:
     support::TempDir m_folder;
 };
 
-TEST_F(MdchTest, HelpNamesCommandsOptionsExamplesAndStatuses)
+TEST_F(MdchTest, HelpNamesCommandsExamplesAndStatuses)
 {
-    for (const std::vector<std::string>& command :
-         {std::vector<std::string>{"--help"}, {"-h"}, {"info", "--help"}, {"cat", "-h"}}) {
-        const Result result = mdch(command);
+    for (const char* option : {"--help", "-h"}) {
+        const Result result = mdch({option});
         EXPECT_EQ(result.status, 0);
         EXPECT_EQ(result.err, "");
-        for (const char* part : {"mdch info URL", "mdch cat  URL", "--output", "--user-agent", "--header",
-                                 "--cookie", "--ca-path", "--client-cert", "--key-password-file", "--proxy",
-                                 "--dlna-mode", "--buffer-size", "--timeout", "--icy", "-vvvv", "Examples:",
-                                 "Exit status:", "    7  the transfer broke off", "  130  interrupted"}) {
+        for (const char* part :
+             {"Usage: mdch COMMAND [options]", "  info  ", "  cat  ", "  volumes  ", "  native  ",
+              "Examples:", "Exit status:", "    7  the transfer broke off", "  130  interrupted"}) {
             EXPECT_THAT(result.out, HasSubstr(part));
         }
     }
     EXPECT_EQ(mdch({"--version"}).out, "mdch " MDCH_VERSION "\n");
+}
+
+TEST_F(MdchTest, EveryCommandTellsItsOptionsAndAnExample)
+{
+    const std::vector<std::string> commands = support::mdchCommands();
+    ASSERT_GE(commands.size(), 4U);
+    for (const std::string& command : commands) {
+        const Result result = mdch({command, "--help"});
+        EXPECT_EQ(result.status, 0);
+        EXPECT_EQ(result.err, "");
+        EXPECT_EQ(mdch({command, "-h"}).out, result.out);
+        for (const std::string& part :
+             std::vector<std::string>{"Usage: mdch " + command, "-v ", "Example:\n  mdch " + command}) {
+            EXPECT_THAT(result.out, HasSubstr(part)) << command;
+        }
+    }
+    for (const char* part : {"--output", "--user-agent", "--header", "--cookie", "--ca-path", "--client-cert",
+                             "--key-password-file", "--proxy", "--dlna-mode", "--buffer-size", "--timeout",
+                             "--icy", "--volume", "--native", "-vvvv"}) {
+        EXPECT_THAT(mdch({"cat", "--help"}).out, HasSubstr(part));
+    }
 }
 
 TEST_F(MdchTest, InfoOfAFile)

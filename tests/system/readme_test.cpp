@@ -3,6 +3,9 @@
 #include "support_readme.h"
 
 #include <gmock/gmock.h>
+#include <iterator>
+#include <set>
+#include <sstream>
 
 namespace {
 
@@ -12,6 +15,7 @@ using support::Result;
 using support::runToEnd;
 using support::theFence;
 using testing::HasSubstr;
+using testing::StartsWith;
 
 class ReadmeTest : public support::PageTest
 {
@@ -58,9 +62,22 @@ TEST_F(ReadmeTest, TheCommandLine)
     EXPECT_TRUE(support::readFile(m_folder.file("song.mp3")) == support::content());
 }
 
-TEST_F(ReadmeTest, TheHelpTextStandsInTheManual)
+// The manual shows every help text behind the command that prints it.
+TEST_F(ReadmeTest, TheHelpTextsStandInTheManual)
 {
-    EXPECT_EQ(theFence("docs/command-line.md", "text"), support::mdch({"--help"}).out);
+    std::set<std::string> shown;
+    for (const std::string& fence : support::fences("docs/command-line.md", "text")) {
+        const std::size_t end = fence.find('\n');
+        ASSERT_THAT(fence, StartsWith("$ mdch"));
+        shown.insert(fence.substr(2, end - 2));
+        std::istringstream words(fence.substr(2, end - 2));
+        const std::vector<std::string> command{std::istream_iterator<std::string>(words), {}};
+        EXPECT_EQ(fence.substr(end + 1), support::mdch({command.begin() + 1, command.end()}).out);
+    }
+    EXPECT_EQ(shown.count("mdch --help"), 1U);
+    for (const std::string& name : support::mdchCommands()) {
+        EXPECT_EQ(shown.count("mdch " + name + " --help"), 1U) << name;
+    }
 }
 
 TEST_F(ReadmeTest, TheTestCommandsOptions)

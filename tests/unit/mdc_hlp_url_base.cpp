@@ -1,8 +1,11 @@
 // The stream interface, the choice of a back-end, and the opening sequence on local files.
+// How each other kind of URL is opened stands in mdc_hlp_url_base_*.cpp.
 #include "mdc_hlp_url_base.h"
 
 #include "mdc_hlp_http_access.h"
 #include "mdc_hlp_url_file.h"
+#include "mdc_hlp_url_nvol2.h"
+#include "mdc_hlp_url_udp.h"
 #include "support/engine.h"
 #include "support/temp_dir.h"
 #include "support/trace_capture.h"
@@ -102,6 +105,12 @@ const char* backEndOf(const char* url)
     if (dynamic_cast<md::HttpAccess*>(stream.get()) != nullptr) {
         return "HTTP";
     }
+    if (dynamic_cast<MdchUrlUdp*>(stream.get()) != nullptr) {
+        return "UDP";
+    }
+    if (dynamic_cast<MdchUrlNvol2*>(stream.get()) != nullptr) {
+        return "NVL2";
+    }
     return dynamic_cast<MdchUrlFile*>(stream.get()) != nullptr ? "FILE" : "?";
 }
 
@@ -131,6 +140,8 @@ TEST(StreamInterface, operationsOfTheBaseStandInTheirSlots)
 TEST(StreamInterface, everyBackEndKeepsTheSlots)
 {
     expectSlots<MdchUrlFile>();
+    expectSlots<MdchUrlUdp>();
+    expectSlots<MdchUrlNvol2>();
     expectSlots<md::HttpAccess>();
     expectSlots<SilentStream>();
 }
@@ -219,11 +230,44 @@ TEST(CreateInstance, httpAndHttpsGiveTheHttpStreamWhateverTheirCase)
     }
 }
 
+TEST(CreateInstance, udpGivesTheDatagramStreamWhateverItsCase)
+{
+    for (const char* url : {"udp://239.0.0.1:1234", "Udp://x", "UDP://", "udp://"}) {
+        EXPECT_STREQ(backEndOf(url), "UDP") << url;
+    }
+}
+
+TEST(CreateInstance, nvl2GivesTheVolumeStreamWhateverItsCase)
+{
+    for (const char* url : {"nvl2://1234-ABCD/a", "NVL2://x", "Nvl2://", "nvl2://"}) {
+        EXPECT_STREQ(backEndOf(url), "NVL2") << url;
+    }
+}
+
 TEST(CreateInstance, anythingElseGivesTheFileStream)
 {
-    for (const char* url :
-         {"", "/tmp/a", "file:///tmp/a", "ftp://host/a", "http:/host", "http:", "https:/host", "httpx://host",
-          " http://host", "htt", "rtsp://host", "a/http://host"}) {
+    for (const char* url : {"",
+                            "/tmp/a",
+                            "file:///tmp/a",
+                            "ftp://host/a",
+                            "http:/host",
+                            "http:",
+                            "https:/host",
+                            "httpx://host",
+                            " http://host",
+                            "htt",
+                            "rtsp://host",
+                            "a/http://host",
+                            "udp:/x",
+                            "udp:",
+                            "udp",
+                            "udpx://x",
+                            " udp://x",
+                            "nvl2:/x",
+                            "nvl2:",
+                            "nvl://x",
+                            "nvl22://x",
+                            "a/nvl2://x"}) {
         EXPECT_STREQ(backEndOf(url), "FILE") << url;
     }
     EXPECT_STREQ(backEndOf(nullptr), "FILE");
@@ -233,11 +277,13 @@ TEST(CreateInstance, tracesUrlAndChoiceAtTheCallLevel)
 {
     const support::EngineStopped engineStopped;
     const support::TraceCapture traces;
-    for (const std::string url : {"HTTP://host/a?b", "https://host", "/tmp/%s", ""}) {
+    for (const std::string url :
+         {"HTTP://host/a?b", "https://host", "Udp://%n", "nvl2://a/b", "/tmp/%s", ""}) {
         backEndOf(url.c_str());
     }
     for (const std::string expected :
          {"createInstance(HTTP://host/a?b) => HTTP\n", "createInstance(https://host) => HTTP\n",
+          "createInstance(Udp://%n) => UDP\n", "createInstance(nvl2://a/b) => NVL2\n",
           "createInstance(/tmp/%s) => FILE\n", "createInstance() => FILE\n"}) {
         EXPECT_EQ(traces.count(expected), 1U) << expected;
         EXPECT_EQ(traces.severityOf(expected), 5000U);

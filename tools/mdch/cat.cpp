@@ -1,4 +1,5 @@
-#include "commands.h"
+#include "cat_options.h"
+#include "command.h"
 #include "failure.h"
 #include "interrupt.h"
 #include "open.h"
@@ -11,7 +12,11 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <memory>
 #include <unistd.h>
+#include <vector>
 
 namespace mdch {
 
@@ -89,30 +94,60 @@ bool copyAll(Copying& copying, Progress& progress, Failure& failure)
     return true;
 }
 
-} // namespace
+// Copies datagrams until enough has come, nothing comes any more, or the user has enough.
+bool copyDatagrams(Copying& copying, int timeout, Progress& progress, Failure& failure)
+{
+    using Clock = std::chrono::steady_clock;
+    constexpr std::size_t kLargestDatagram = 65536;
+    constexpr int kDataSeconds = 30; // as streams of web servers have it
+    const std::chrono::seconds patience(timeout != 0 ? timeout : kDataSeconds);
+    std::vector<unsigned char> buffer(kLargestDatagram);
+    Clock::time_point last = Clock::now();
+    while (!copying.interrupt.requested() && copying.nextPiece(kLargestDatagram) > 0) {
+        const int got = copying.source.stream->read(buffer.data(), static_cast<unsigned int>(buffer.size()));
+        const Clock::time_point now = Clock::now();
+        if (got > 0) {
+            // A datagram is read whole: the rest of one that is cut would be lost without a word.
+            const unsigned int wanted = copying.nextPiece(static_cast<std::size_t>(got));
+            if (!copying.output.write(buffer.data(), wanted, failure)) {
+                return false;
+            }
+            copying.count += wanted;
+            copying.interrupt.setBytes(copying.count);
+            progress.update(copying.count);
+            last = now;
+        } else if (now - last >= patience) {
+            failure = silenceFailure("cannot read " + copying.url + " after " + bytesOf(copying.count, -1),
+                                     static_cast<int>(patience.count()));
+            return false;
+        }
+    }
+    return true;
+}
 
-int runCat(const Arguments& arguments, Interrupt& interrupt)
+int runCat(const CatOptions& options, Interrupt& interrupt)
 {
     Source source;
     Failure failure;
-    if (!openSource(arguments, source, failure)) {
+    if (!openSource(options, source, failure)) {
         return interrupt.requested() ? interrupt.report() : report(failure);
     }
-    if (!moveToStart(arguments, source, failure)) {
+    if (!moveToStart(options, source, failure)) {
         return interrupt.requested() ? interrupt.report() : report(failure);
     }
     // Opened after the source, so that a wrong address leaves an existing file alone.
-    Output output(arguments.output);
-    if (!output.open(localPath(arguments.url), failure)) {
+    Output output(options.output);
+    if (!output.open(localPath(options.url), failure)) {
         return report(failure);
     }
     if (source.http != nullptr) {
         interrupt.setAction([stream = source.stream] { stream->close(); }); // releases a waiting read
     }
-    const std::int64_t expected = expectedBytes(arguments, source);
+    const std::int64_t expected = expectedBytes(options, source);
     Progress progress(expected, isatty(STDERR_FILENO) != 0 && !output.isTerminal());
-    Copying copying{source, output, interrupt, arguments.url, expected, arguments.length};
-    const bool whole = copyAll(copying, progress, failure);
+    Copying copying{source, output, interrupt, options.url, expected, options.length};
+    const bool whole = source.isDatagrams() ? copyDatagrams(copying, options.timeout, progress, failure)
+                                            : copyAll(copying, progress, failure);
     interrupt.setAction(nullptr);
     progress.clear();
     if (interrupt.requested()) {
@@ -122,6 +157,40 @@ int runCat(const Arguments& arguments, Interrupt& interrupt)
         return report(failure);
     }
     return kExitOk;
+}
+
+void addCatOptions(CLI::App& cat, CatOptions& options)
+{
+    cat.add_option("-o,--output", options.output, "write to FILE")->option_text("FILE");
+    CLI::Option* offset =
+        cat.add_option("--offset", options.offset, "start there; -N starts N bytes before the end")
+            ->option_text("BYTES");
+    constexpr double kLatestSecond = 4294967; // in milliseconds still 32 bits
+    cat.add_option_function<double>(
+           "--time",
+           [&options](double seconds) {
+               constexpr double kMsPerSecond = 1000;
+               options.timeMs = std::llround(seconds * kMsPerSecond);
+           },
+           "start at that play time (DLNA servers)")
+        ->option_text("SECONDS")
+        ->check(CLI::Range(0.0, kLatestSecond))
+        ->excludes(offset);
+    cat.add_option("--length", options.length, "stop after so many bytes")
+        ->option_text("BYTES")
+        ->check(CLI::NonNegativeNumber);
+}
+
+} // namespace
+
+Command addCat(CLI::App& line)
+{
+    const auto options = std::make_shared<CatOptions>();
+    CLI::App* cat = line.add_subcommand("cat", "copy the bytes to standard output or to a file");
+    addStreamOptions(*cat, *options);
+    addCatOptions(*cat, *options);
+    cat->footer("Example:\n  mdch cat http://media.example/film.ts --offset -65536 -o end.ts\n");
+    return {cat, [options](Interrupt& interrupt) { return runCat(*options, interrupt); }};
 }
 
 } // namespace mdch

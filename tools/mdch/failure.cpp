@@ -115,8 +115,31 @@ Failure localFailure(std::string what, int code)
 Failure unservedFailure(std::string what, int code)
 {
     Failure failure = localFailure(std::move(what), code);
-    failure.next = "Addresses begin with http://, https:// or file://; anything else is a path";
+    failure.next =
+        "Addresses begin with http://, https://, udp://, nvl2:// or file://; anything else is a path";
     return failure;
+}
+
+Failure datagramFailure(std::string what, int code)
+{
+    if (code == EINVAL) {
+        return {std::move(what), "it is not udp://ADDRESS:PORT with an address in four numbers",
+                "For example udp://239.1.2.3:5000", kExitUsage};
+    }
+    return {std::move(what), std::strerror(code),
+            "Check the address, the port and that the network has a route for multicast", kExitNetwork};
+}
+
+Failure noVolumeFailure(std::string what)
+{
+    return {std::move(what), "there is no such media volume", "See with mdch volumes which there are",
+            kExitFile};
+}
+
+Failure silenceFailure(std::string what, int seconds)
+{
+    return {std::move(what), "nothing came for " + std::to_string(seconds) + " s",
+            "Check the address, the port and the sender, or allow more time with --timeout", kExitNetwork};
 }
 
 Failure truncatedFailure(std::string what)

@@ -41,6 +41,15 @@ Failure localFailure(std::string what, int code);
 // A path that looks like an address of a kind that is not served, and so was taken for a file.
 Failure unservedFailure(std::string what, int code);
 
+// A stream of datagrams that cannot be opened. code: an errno value.
+Failure datagramFailure(std::string what, int code);
+
+// A media volume that is not there.
+Failure noVolumeFailure(std::string what);
+
+// Nothing came for so many seconds.
+Failure silenceFailure(std::string what, int seconds);
+
 // Fewer bytes than the server had announced, without an error of its own.
 Failure truncatedFailure(std::string what);
 

@@ -1,4 +1,4 @@
-#include "commands.h"
+#include "command.h"
 #include "failure.h"
 #include "interrupt.h"
 #include "open.h"
@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <iomanip>
 #include <iostream>
+#include <memory>
 #include <sstream>
 
 namespace mdch {
@@ -51,21 +52,19 @@ private:
     std::ostringstream m_text;
 };
 
-} // namespace
-
-int runInfo(const Arguments& arguments, Interrupt& interrupt)
+int runInfo(const StreamOptions& options, Interrupt& interrupt)
 {
     Source source;
     Failure failure;
-    if (!openSource(arguments, source, failure)) {
+    if (!openSource(options, source, failure)) {
         return interrupt.requested() ? interrupt.report() : report(failure);
     }
     const std::deque<std::string> lines = headerLines(source);
     const long long length = source.stream->size();
 
     Table table;
-    table.add("URL", arguments.url);
-    table.add("Back-end", source.http != nullptr ? "HTTP" : "file");
+    table.add("URL", options.url);
+    table.add("Back-end", source.backEnd());
     if (source.http != nullptr) {
         table.add("Status", std::to_string(source.http->getResponseCode()));
         const std::string type = headerValue(lines, "content-type");
@@ -87,6 +86,17 @@ int runInfo(const Arguments& arguments, Interrupt& interrupt)
         return report(localFailure("cannot write to standard output", errno));
     }
     return kExitOk;
+}
+
+} // namespace
+
+Command addInfo(CLI::App& line)
+{
+    const auto options = std::make_shared<StreamOptions>();
+    CLI::App* info = line.add_subcommand("info", "say what is there: length, type, what it can do");
+    addStreamOptions(*info, *options);
+    info->footer("Example:\n  mdch info http://radio.example/live --icy\n");
+    return {info, [options](Interrupt& interrupt) { return runInfo(*options, interrupt); }};
 }
 
 } // namespace mdch

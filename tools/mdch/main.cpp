@@ -1,7 +1,5 @@
-#include "arguments.h"
-#include "commands.h"
+#include "command_line.h"
 #include "failure.h"
-#include "interrupt.h"
 
 #include "mdp_debug.h"
 
@@ -11,16 +9,9 @@
 int main(int argc, char** argv)
 {
     try {
-        mdch::Arguments arguments;
-        int status = mdch::kExitOk;
-        if (!mdch::parseArguments(argc, argv, arguments, status)) {
-            return status;
-        }
-        mdpDebugSetSeverity(arguments.traceSeverity);
+        mdpDebugSetSeverity(0);
         std::signal(SIGPIPE, SIG_IGN); // a write tells the reason as EPIPE
-        mdch::Interrupt interrupt;
-        return arguments.command == mdch::Arguments::Command::kCat ? mdch::runCat(arguments, interrupt)
-                                                                   : mdch::runInfo(arguments, interrupt);
+        return mdch::runCommandLine(argc, argv);
     } catch (const std::exception& error) {
         return mdch::report(
             {"cannot go on", error.what(), "Try again with less load on the machine", mdch::kExitOther});

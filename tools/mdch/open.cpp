@@ -2,10 +2,13 @@
 
 #include "mdc_hlp_http_access.h"
 #include "mdc_hlp_httpproxy.h"
+#include "mdc_hlp_url_nvol2.h"
+#include "mdc_hlp_url_udp.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <strings.h>
 #include <sys/stat.h>
 #include <utility>
@@ -21,58 +24,61 @@ const char* orNull(const std::string& text)
     return text.empty() ? nullptr : text.c_str();
 }
 
-mdch_UrlExtended_struct extendedFrom(const Arguments& arguments)
+mdch_UrlExtended_struct extendedFrom(const StreamOptions& options, const std::string& keyPassword)
 {
     mdch_UrlExtended_struct ext{};
-    ext.userAgent = orNull(arguments.userAgent);
-    ext.cookie = orNull(arguments.cookie);
-    ext.caCertPath = orNull(arguments.caPath);
-    ext.clientCert = orNull(arguments.clientCert);
-    ext.certPasswd = orNull(arguments.keyPassword);
-    ext.bufferSize = arguments.bufferSize;
-    if (arguments.icy) {
+    ext.userAgent = orNull(options.userAgent);
+    ext.cookie = orNull(options.cookie);
+    ext.caCertPath = orNull(options.caPath);
+    ext.clientCert = orNull(options.clientCert);
+    ext.certPasswd = orNull(keyPassword);
+    ext.bufferSize = options.bufferSize;
+    if (options.icy) {
         ext.flags |= MDCH_URL_ICY_METADATA;
     }
-    ext.flags |= arguments.dlnaMode * MDCH_URL_DLNA_STREAMING;
+    if (options.native) {
+        ext.flags |= MDCH_URL_NATIVE_PATH;
+    }
+    ext.flags |= options.dlnaMode * MDCH_URL_DLNA_STREAMING;
     return ext;
 }
 
 // The opening call has no place for header lines and time-outs: with these, the stream is set up here.
-int openByHand(const Arguments& arguments, const mdch_UrlExtended_struct& ext, md::HttpAccess& http)
+int openByHand(const StreamOptions& options, const mdch_UrlExtended_struct& ext, md::HttpAccess& http)
 {
     if (ext.userAgent != nullptr) {
         http.setUserAgent(ext.userAgent);
     }
-    if (arguments.icy) {
+    if (options.icy) {
         http.setHeaderLine("icy-metadata:1");
     }
-    for (const std::string& line : arguments.headerLines) {
+    for (const std::string& line : options.headerLines) {
         http.setHeaderLine(line);
     }
-    http.setCookie(arguments.cookie);
-    http.setCaCertPath(arguments.caPath);
-    http.setClientCert(arguments.clientCert);
-    http.setCertPasswd(arguments.keyPassword);
-    if (arguments.dlnaMode != 0) {
-        http.fcntl(MDCH_FCNTL_DLNA_MODE, arguments.dlnaMode);
+    http.setCookie(options.cookie);
+    http.setCaCertPath(options.caPath);
+    http.setClientCert(options.clientCert);
+    http.setCertPasswd(ext.certPasswd != nullptr ? ext.certPasswd : "");
+    if (options.dlnaMode != 0) {
+        http.fcntl(MDCH_FCNTL_DLNA_MODE, options.dlnaMode);
     }
-    if (arguments.bufferSize != 0) {
-        http.fcntl(MDCH_FCNTL_BUFFER_SIZE, arguments.bufferSize);
+    if (options.bufferSize != 0) {
+        http.fcntl(MDCH_FCNTL_BUFFER_SIZE, options.bufferSize);
     }
     constexpr int kHeaderSeconds = 40; // as the opening call has them
     constexpr int kDataSeconds = 30;
-    http.fcntl(MDCH_FCNTL_HEADER_TIMEOUT, arguments.timeout != 0 ? arguments.timeout : kHeaderSeconds);
-    http.fcntl(MDCH_FCNTL_DATA_TIMEOUT, arguments.timeout != 0 ? arguments.timeout : kDataSeconds);
-    const int opened = http.open(arguments.url.c_str(), MDCH_MODE_READ);
+    http.fcntl(MDCH_FCNTL_HEADER_TIMEOUT, options.timeout != 0 ? options.timeout : kHeaderSeconds);
+    http.fcntl(MDCH_FCNTL_DATA_TIMEOUT, options.timeout != 0 ? options.timeout : kDataSeconds);
+    const int opened = http.open(options.url.c_str(), MDCH_MODE_READ);
     return opened < 0 ? opened : http.error();
 }
 
-void setProxy(const Arguments& arguments)
+void setProxy(const StreamOptions& options)
 {
     md::httpProxyInfo_struct info;
-    info.host = arguments.proxyHost;
-    info.port = arguments.proxyPort;
-    md::setHttpProxyInfo(info, !arguments.proxyHost.empty(), false);
+    info.host = options.proxyHost;
+    info.port = options.proxyPort;
+    md::setHttpProxyInfo(info, !options.proxyHost.empty(), false);
 }
 
 std::int32_t icyIntervalFrom(const Source& source)
@@ -82,9 +88,14 @@ std::int32_t icyIntervalFrom(const Source& source)
     return interval > 0 && interval <= INT32_MAX ? static_cast<std::int32_t>(interval) : 0;
 }
 
+bool hasScheme(const std::string& url, const char* scheme)
+{
+    return strncasecmp(url.c_str(), scheme, std::strlen(scheme)) == 0;
+}
+
 bool isFileUrl(const std::string& url)
 {
-    return strncasecmp(url.c_str(), kFileScheme, std::strlen(kFileScheme)) == 0;
+    return hasScheme(url, kFileScheme);
 }
 
 // A folder can be opened like a file, but gives nothing.
@@ -94,9 +105,46 @@ bool isFolder(const std::string& url)
     return stat(localPath(url).c_str(), &facts) == 0 && S_ISDIR(facts.st_mode);
 }
 
+// Header lines and time-outs of web servers are what the opening call has no place for.
+bool needsNoHand(const StreamOptions& options)
+{
+    const bool isWeb = hasScheme(options.url, "http://") || hasScheme(options.url, "https://");
+    return !isWeb || (options.headerLines.empty() && options.timeout == 0);
+}
+
+// True, or false with the failure.
+bool readKeyPassword(const StreamOptions& options, std::string& password, Failure& failure)
+{
+    if (options.keyPasswordFile.empty()) {
+        return true;
+    }
+    std::ifstream file(options.keyPasswordFile);
+    if (!file || !std::getline(file, password)) {
+        failure = localFailure("cannot read " + options.keyPasswordFile, errno);
+        return false;
+    }
+    return true;
+}
+
 bool tellsStatus(int code)
 {
     return code == ENOENT || code == EINVAL || code == MDCH_HTTP_EMOVED;
+}
+
+// What an open call's result means for the kind of address.
+Failure openFailure(const StreamOptions& options, const Source& source, const std::string& what, int result)
+{
+    const int code = std::abs(result);
+    if (source.isDatagrams()) {
+        return datagramFailure(what, code);
+    }
+    if (source.http == nullptr && code == ENODEV && hasScheme(options.url, "nvl2://")) {
+        return noVolumeFailure(what);
+    }
+    const bool looksLikeAddress = options.url.find("://") != std::string::npos && !isFileUrl(options.url);
+    return std::strcmp(source.backEnd(), "file") == 0 && looksLikeAddress && !options.native
+               ? unservedFailure(what, code)
+               : failureOf(source, what, result, code);
 }
 
 // A short transfer may have broken off before the opening call looked. What has come is there to be read, and
@@ -115,31 +163,55 @@ bool brokeOffLater(const Source& source, int code)
 
 } // namespace
 
-bool openSource(const Arguments& arguments, Source& source, Failure& failure)
+Source::~Source()
 {
-    setProxy(arguments);
-    mdch_UrlExtended_struct ext = extendedFrom(arguments);
+    if (stream != nullptr) {
+        stream->close(); // a stream of datagrams stays in its group otherwise
+    }
+}
+
+const char* Source::backEnd() const
+{
+    if (http != nullptr) {
+        return "HTTP";
+    }
+    if (isDatagrams()) {
+        return "UDP";
+    }
+    return dynamic_cast<MdchUrlNvol2*>(stream.get()) != nullptr ? "media volume" : "file";
+}
+
+bool Source::isDatagrams() const
+{
+    return dynamic_cast<MdchUrlUdp*>(stream.get()) != nullptr;
+}
+
+bool openSource(const StreamOptions& options, Source& source, Failure& failure)
+{
+    std::string keyPassword;
+    if (!readKeyPassword(options, keyPassword, failure)) {
+        return false;
+    }
+    setProxy(options);
+    mdch_UrlExtended_struct ext = extendedFrom(options, keyPassword);
+    const std::string what = "cannot open " + options.url;
     int result = 0;
-    if (arguments.headerLines.empty() && arguments.timeout == 0) {
-        result = mdch_OpenUrl(arguments.url.c_str(), MDCH_MODE_READ, &ext, source.stream);
+    if (needsNoHand(options)) {
+        result = mdch_OpenUrl(options.url.c_str(), MDCH_MODE_READ, &ext, source.stream);
         source.http = dynamic_cast<md::HttpAccess*>(source.stream.get());
     } else {
-        source.stream.reset(MdchUrlBase::createInstance(arguments.url.c_str()));
+        source.stream.reset(MdchUrlBase::createInstance(options.url.c_str()));
         source.http = dynamic_cast<md::HttpAccess*>(source.stream.get());
-        result = source.http != nullptr ? openByHand(arguments, ext, *source.http)
-                                        : source.stream->open(arguments.url.c_str(), MDCH_MODE_READ);
+        result = openByHand(options, ext, *source.http);
     }
-    if (result == 0 && source.http == nullptr && isFolder(arguments.url)) {
+    if (result == 0 && std::strcmp(source.backEnd(), "file") == 0 && isFolder(options.url)) {
         result = -EISDIR;
     }
     if (result == 0 || brokeOffLater(source, result)) {
         source.icyInterval = icyIntervalFrom(source);
         return true;
     }
-    const std::string what = "cannot open " + arguments.url;
-    const bool looksLikeAddress = arguments.url.find("://") != std::string::npos && !isFileUrl(arguments.url);
-    failure = source.http == nullptr && looksLikeAddress ? unservedFailure(what, std::abs(result))
-                                                         : failureOf(source, what, result, std::abs(result));
+    failure = openFailure(options, source, what, result);
     return false;
 }
 

@@ -1,8 +1,8 @@
 // Opening a stream as the command line says.
 #pragma once
 
-#include "arguments.h"
 #include "failure.h"
+#include "stream_options.h"
 
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
@@ -17,20 +17,33 @@ class HttpAccess;
 
 namespace mdch {
 
+// An open stream; closed when it goes.
 struct Source
 {
+    Source() = default;
+    ~Source();
+    Source(const Source&) = delete;
+    Source& operator=(const Source&) = delete;
+
+    // What kind of stream it is, in words.
+    const char* backEnd() const;
+
+    // A stream of datagrams without an end: reading nothing means that nothing came for a while.
+    bool isDatagrams() const;
+
     boost::shared_ptr<MdchUrlBase> stream;
     md::HttpAccess* http = nullptr; // the stream, when it is one over HTTP
     std::int32_t icyInterval = 0;   // 0: the server sends no titles
 };
 
 // True, or false with the failure.
-bool openSource(const Arguments& arguments, Source& source, Failure& failure);
+bool openSource(const StreamOptions& options, Source& source, Failure& failure);
 
 // What the stream's own error code means. what: "cannot read ..."; savedErrno: errno after the failed call.
 Failure failureOf(const Source& source, const std::string& what, int code, int savedErrno);
 
-// The path that an address means when it is none of a web server: "file://" in front is taken away.
+// The path in the local file system that an address of a file means: "file://" in front is taken away. Addresses
+// of other kinds come back as they are.
 std::string localPath(const std::string& url);
 
 // The response header, lines without their ends.

@@ -31,11 +31,11 @@ Failure refusedSeek(const Source& source, const std::string& what, int savedErrn
     return seekFailure(what, "this stream does not go there", "See with mdch info what it can do");
 }
 
-bool moveToOffset(const Arguments& arguments, const Source& source, Failure& failure)
+bool moveToOffset(const CatOptions& options, const Source& source, Failure& failure)
 {
     MdchUrlBase& stream = *source.stream;
-    const std::int64_t offset = arguments.offset;
-    const std::string what = "cannot start " + arguments.url + " at byte " + std::to_string(offset);
+    const std::int64_t offset = options.offset;
+    const std::string what = "cannot start " + options.url + " at byte " + std::to_string(offset);
     if (stream.isSeekable() == 0) {
         failure = seekFailure(what, "the server does not serve parts of it", "Leave out --offset");
         return false;
@@ -53,17 +53,16 @@ bool moveToOffset(const Arguments& arguments, const Source& source, Failure& fai
     return true;
 }
 
-bool moveToTime(const Arguments& arguments, const Source& source, Failure& failure)
+bool moveToTime(const CatOptions& options, const Source& source, Failure& failure)
 {
     MdchUrlBase& stream = *source.stream;
-    const std::string what =
-        "cannot start " + arguments.url + " at " + std::to_string(arguments.timeMs) + " ms";
+    const std::string what = "cannot start " + options.url + " at " + std::to_string(options.timeMs) + " ms";
     if ((stream.capability() & MDCH_CAPABILITY_TIME_SEEK) == 0) {
         failure = seekFailure(what, "the stream has no time seek",
                               "Ask with --dlna-mode, or name a byte with --offset");
         return false;
     }
-    if (stream.seekTime(static_cast<unsigned int>(arguments.timeMs)) != 0) {
+    if (stream.seekTime(static_cast<unsigned int>(options.timeMs)) != 0) {
         failure = refusedSeek(source, what, errno);
         return false;
     }
@@ -72,22 +71,22 @@ bool moveToTime(const Arguments& arguments, const Source& source, Failure& failu
 
 } // namespace
 
-bool moveToStart(const Arguments& arguments, const Source& source, Failure& failure)
+bool moveToStart(const CatOptions& options, const Source& source, Failure& failure)
 {
-    if (arguments.timeMs >= 0) {
-        return moveToTime(arguments, source, failure);
+    if (options.timeMs >= 0) {
+        return moveToTime(options, source, failure);
     }
-    return arguments.offset == 0 || moveToOffset(arguments, source, failure);
+    return options.offset == 0 || moveToOffset(options, source, failure);
 }
 
-std::int64_t expectedBytes(const Arguments& arguments, const Source& source)
+std::int64_t expectedBytes(const CatOptions& options, const Source& source)
 {
     const std::int64_t size = source.stream->size();
     if (size < 0) {
         return size;
     }
     const std::int64_t rest = std::max<std::int64_t>(0, size - source.stream->tell());
-    return arguments.length >= 0 ? std::min(rest, arguments.length) : rest;
+    return options.length >= 0 ? std::min(rest, options.length) : rest;
 }
 
 } // namespace mdch

@@ -1,7 +1,7 @@
 // Where in the stream the copying starts, and how much of it is wanted.
 #pragma once
 
-#include "arguments.h"
+#include "cat_options.h"
 #include "failure.h"
 #include "open.h"
 
@@ -10,9 +10,9 @@
 namespace mdch {
 
 // Moves the stream as --offset or --time say. True, or false with the failure.
-bool moveToStart(const Arguments& arguments, const Source& source, Failure& failure);
+bool moveToStart(const CatOptions& options, const Source& source, Failure& failure);
 
 // Bytes that are to come from the stream's position on; negative when nobody knows.
-std::int64_t expectedBytes(const Arguments& arguments, const Source& source);
+std::int64_t expectedBytes(const CatOptions& options, const Source& source);
 
 } // namespace mdch

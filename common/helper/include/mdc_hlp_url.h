@@ -39,7 +39,8 @@ MDCH_API const char* mdch_getUserAgent(void);
 /*
  * Opens a stream with the stored User-Agent; returns when the response header has come or the open failed.
  *
- * url: "http://", "https://", "file://" or a path. mode: MDCH_MODE_READ or MDCH_MODE_WRITE (files only).
+ * url: "http://", "https://", "udp://", "nvl2://" (media volumes), "file://" or a path; null fails. mode:
+ * MDCH_MODE_READ or MDCH_MODE_WRITE (files only).
  * Returns a handle, or 0.
  */
 MDCH_API unsigned int mdch_UrlOpen(const char* url, int mode);
@@ -50,12 +51,16 @@ MDCH_API unsigned int mdch_UrlOpen(const char* url, int mode);
  */
 MDCH_API unsigned int mdch_UrlOpenExt(const char* url, int mode, mdch_UrlExtended_struct* ext);
 
-/* Closes the stream and gives the handle up. The stream's result; -1 with EBADF for an invalid handle. */
+/*
+ * Closes the stream and gives the handle up. The stream's result, which is negative for a UDP stream that was in no
+ * multicast group; -1 with EBADF for an invalid handle.
+ */
 MDCH_API int mdch_UrlClose(unsigned int handle);
 
 /*
  * Reads up to size bytes. Returns the bytes stored; 0 at the end, on an error, and for an invalid handle.
- * An HTTP stream waits up to its data time-out for bytes that are missing.
+ * An HTTP stream waits up to its data time-out for bytes that are missing. A UDP stream gives one datagram, cut to
+ * size, or 0 when none came for half a second, which is no end.
  */
 MDCH_API int mdch_UrlRead(unsigned int handle, unsigned char* buffer, unsigned int size);
 

@@ -19,8 +19,8 @@ class MDCH_API MdchUrlBase
 public:
     /*
      * Makes the back-end for a URL's scheme, not yet opened; the caller owns it. The scheme is compared
-     * without regard to case: "http://" and "https://" give md::HttpAccess, anything else (null and the
-     * empty text included) a local file.
+     * without regard to case: "http://" and "https://" give md::HttpAccess, "udp://" MdchUrlUdp, "nvl2://"
+     * MdchUrlNvol2, anything else (null and the empty text included) a local file.
      */
     static MdchUrlBase* createInstance(const char* url);
 
@@ -31,7 +31,7 @@ public:
     // The order of the virtual operations is part of the binary interface: back-ends of other libraries
     // rely on their slots. Add new ones behind the last.
 
-    /* Closes what is still open. */
+    /* Closes what is still open, but for a UDP stream's socket. */
     virtual ~MdchUrlBase() = default;
 
     /* Opens url for reading (mode 0) or writing (1). Negative on failure (a negated errno value). */
@@ -87,7 +87,8 @@ public:
 };
 
 /*
- * The whole opening sequence: makes the back-end for url, applies the extended parameters to an HTTP stream,
+ * The whole opening sequence: turns the URL of a file on a media volume into its native path if that is asked for
+ * (MDCH_URL_NATIVE_PATH; without such a volume the URL stays), makes the back-end for url, applies the extended parameters to an HTTP stream,
  * opens it, checks error(), and reads the radio-title interval from the response header.
  *
  * url: null gives -EINVAL. mode: as for MdchUrlBase::open. ext: may be null, and then an HTTP stream keeps its

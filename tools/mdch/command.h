@@ -1,0 +1,24 @@
+// A command of the tool: what it takes, its help, and what it does. One file per command.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <functional>
+
+namespace mdch {
+
+class Interrupt;
+
+struct Command
+{
+    CLI::App* app = nullptr; // its options and help; belongs to the whole command line
+    std::function<int(Interrupt&)> run =
+        {}; // does the work once the options are read; returns the exit status
+};
+
+// Each adds itself to the command line.
+Command addInfo(CLI::App& line);
+Command addCat(CLI::App& line);
+Command addVolumes(CLI::App& line);
+Command addNative(CLI::App& line);
+
+} // namespace mdch

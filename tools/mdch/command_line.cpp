@@ -1,0 +1,144 @@
+#include "command_line.h"
+
+#include "command.h"
+#include "failure.h"
+#include "interrupt.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace mdch {
+
+namespace {
+
+constexpr const char* kExamples = R"(Examples:
+  mdch info http://radio.example/live --icy
+  mdch cat https://media.example/film.ts --ca-path /etc/ssl/media -o film.ts
+  mdch cat udp://239.1.2.3:5000 --length 10000000 -o sample.ts
+  mdch COMMAND --help     the options of a command, and an example
+)";
+
+// CLI11's layout with wider columns, one usage line in the order in which people type, and single blank lines.
+class Layout : public CLI::Formatter
+{
+public:
+    Layout()
+    {
+        constexpr std::size_t kColumn = 32;
+        column_width(kColumn);
+        label("Positionals", "Arguments");
+    }
+
+    std::string make_usage(const CLI::App* app, std::string /*name*/) const override
+    {
+        if (app->get_parent() == nullptr) {
+            return "\nUsage: mdch COMMAND [options]\n";
+        }
+        std::string usage = "\nUsage: mdch " + app->get_name();
+        for (const CLI::Option* argument :
+             app->get_options([](const CLI::Option* option) { return option->get_positional(); })) {
+            const bool isNeeded = argument->get_required();
+            usage += isNeeded ? " " + argument->get_name() : " [" + argument->get_name() + "]";
+        }
+        return usage + " [options]\n";
+    }
+
+    std::string make_help(const CLI::App* app, std::string name, CLI::AppFormatMode mode) const override
+    {
+        return withSingleBlankLines(Formatter::make_help(app, std::move(name), mode));
+    }
+
+    std::string make_option_opts(const CLI::Option* option) const override
+    {
+        const std::string& text = option->get_option_text();
+        return text.empty() ? std::string() : " " + text;
+    }
+
+private:
+    static std::string withSingleBlankLines(std::string text)
+    {
+        for (std::size_t at = text.find("\n\n\n"); at != std::string::npos; at = text.find("\n\n\n")) {
+            text.erase(at, 1);
+        }
+        return text;
+    }
+};
+
+std::vector<Command> addCommands(CLI::App& line)
+{
+    return {addInfo(line), addCat(line), addVolumes(line), addNative(line)};
+}
+
+std::string namesOf(const std::vector<Command>& commands)
+{
+    std::string names;
+    for (std::size_t index = 0; index < commands.size(); ++index) {
+        if (index > 0) {
+            names += index + 1 < commands.size() ? ", " : " or ";
+        }
+        names += commands[index].app->get_name();
+    }
+    return names;
+}
+
+const Command* chosenOf(const std::vector<Command>& commands)
+{
+    const auto found = std::find_if(commands.begin(), commands.end(),
+                                    [](const Command& command) { return command.app->parsed(); });
+    return found != commands.end() ? &*found : nullptr;
+}
+
+int usageError(std::string text, const Command* command)
+{
+    // Some of CLI11's messages have several lines.
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    text.erase(text.find_last_not_of(" .") + 1);
+    const std::string help =
+        command != nullptr ? "mdch " + command->app->get_name() + " --help" : "mdch --help";
+    std::cerr << printable("mdch: " + text + ". Try " + help + ".") << '\n';
+    return kExitUsage;
+}
+
+int wrongUsage(int argc, char** argv, const std::vector<Command>& commands, const CLI::ParseError& error)
+{
+    const Command* chosen = chosenOf(commands);
+    if (chosen == nullptr && argc < 2) {
+        return usageError("a command is missing: " + namesOf(commands), nullptr);
+    }
+    if (chosen == nullptr && *argv[1] != '-') {
+        return usageError("\"" + std::string(argv[1]) + "\" is no command: " + namesOf(commands), nullptr);
+    }
+    return usageError(error.what(), chosen);
+}
+
+} // namespace
+
+int runCommandLine(int argc, char** argv)
+{
+    CLI::App line("mdch - read media from files, web servers, radio, multicast and media volumes", "mdch");
+    line.formatter(std::make_shared<Layout>());
+    line.set_help_flag("-h,--help", "this text");
+    line.set_version_flag("--version", "mdch " MDCH_VERSION, "the version");
+    line.require_subcommand(1);
+    line.footer(kExamples + std::string("\n") + exitStatusHelp());
+    const std::vector<Command> commands = addCommands(line);
+    for (const Command& command : commands) {
+        command.app->group("Commands");
+    }
+    try {
+        line.parse(argc, argv);
+    } catch (const CLI::Success& wish) { // help or version
+        return line.exit(wish);
+    } catch (const CLI::ParseError& error) {
+        return wrongUsage(argc, argv, commands, error);
+    }
+    Interrupt interrupt;
+    return chosenOf(commands)->run(interrupt);
+}
+
+} // namespace mdch
