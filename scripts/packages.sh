@@ -8,6 +8,7 @@
     packages_demo="nginx-light icecast2 ffmpeg openssl"
     packages_test="$packages_build $packages_demo libgtest-dev libgmock-dev minidlna curl"
     packages_lint="clang-format-14 clang-tidy-14"
+    packages_fuzz="$packages_build clang-14 libclang-rt-14-dev"
 }
 
 package_installed() {
