@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <string>
 
 namespace {
 
@@ -11,8 +12,17 @@ protected:
     // Not closed: it stays loaded anyway.
     void* m_library = dlopen(MDC_LIBRARY_FILE, RTLD_NOW | RTLD_LOCAL);
 
-    bool shows(const char* symbol) const { return dlsym(m_library, symbol) != nullptr; }
+    bool shows(const std::string& symbol) const { return dlsym(m_library, symbol.c_str()) != nullptr; }
 };
+
+// A std::string parameter as the compiler writes it into a symbol.
+constexpr const char* kText = "NSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE";
+
+// The symbol of a function in namespace md.
+std::string mangled(const std::string& name, const std::string& parameters)
+{
+    return "_ZN2md" + std::to_string(name.size()) + name + "E" + parameters;
+}
 
 TEST_F(SharedLibrary, showsTheInterface)
 {
@@ -25,11 +35,20 @@ TEST_F(SharedLibrary, showsTheInterface)
           "mdch_UrlIsSeekable", "mdch_UrlCapability", "mdch_UrlPause",     "mdch_UrlResume"}) {
         EXPECT_TRUE(shows(symbol)) << symbol;
     }
+    for (const char* symbol :
+         {"mdc_httphelper_urlEncode", "mdc_httphelper_urlDecode", "mdc_httphelper_urlPatch"}) {
+        EXPECT_TRUE(shows(symbol)) << symbol;
+    }
     EXPECT_TRUE(shows("_ZN11MdchUrlBase14createInstanceEPKc"));
     EXPECT_TRUE(shows("_ZTI11MdchUrlBase")) << "streams are cast to their back-end";
     EXPECT_TRUE(shows("_ZTIN2md10HttpAccessE"));
     EXPECT_TRUE(shows("_ZN2md10HttpAccess8shutdownEv"));
     EXPECT_TRUE(shows("_ZTI11MdchUrlFile"));
+    EXPECT_TRUE(shows(mangled("urlEncode", kText)));
+    EXPECT_TRUE(shows(mangled("urlDecode", kText)));
+    EXPECT_TRUE(shows("_ZN2md8urlPatchB5cxx11EPKc"));
+    EXPECT_TRUE(shows(mangled("urlPatch", std::string("RK") + kText)));
+    EXPECT_TRUE(shows(mangled("validUtf8Char", "PKhi")));
     EXPECT_TRUE(shows("mdchHttpSsl_setCertificate"));
     EXPECT_TRUE(shows("mdchHttpSsl_cleanupCerts"));
     EXPECT_TRUE(shows("mdchHttpSsl_verifyCertificateCallback"));
