@@ -80,8 +80,7 @@ struct SlowPatch
 
 inline bool slowIsPlain(unsigned char byte)
 {
-    static const std::string repaired = "\"{|}";
-    return byte > ' ' && byte < 0x7f && repaired.find(static_cast<char>(byte)) == std::string::npos;
+    return byte > ' ' && byte < 0x7f && byte != '"' && byte != '{' && byte != '|' && byte != '}';
 }
 
 // How many bytes of text from at on are one UTF-8 sequence; 0: they are none.
@@ -122,7 +121,7 @@ inline bool slowRepair(const std::string& text, std::size_t capacity, bool asUtf
     for (std::size_t i = 0; i < text.size() && result.size() < capacity;) {
         const auto byte = static_cast<unsigned char>(text[i]);
         if (slowIsPlain(byte)) {
-            append(std::string(1, text[i++]));
+            result += text[i++];
         } else if (byte < 0x80) {
             append(slowEscape(byte));
             say(i++, "invalid but ASCII");

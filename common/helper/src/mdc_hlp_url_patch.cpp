@@ -34,7 +34,8 @@ public:
     bool hasRoomForEscapes(std::size_t count) const { return 3 * count <= m_capacity - m_size; }
 
     // Caller knows that there is room.
-    void copy(const char* text, std::size_t count)
+    void put(char character) { m_text[m_size++] = character; }
+    void put(const char* text, std::size_t count)
     {
         std::memcpy(m_text.data() + m_size, text, count);
         m_size += count;
@@ -42,8 +43,9 @@ public:
     void escape(unsigned int byte)
     {
         constexpr const char* kDigits = "0123456789ABCDEF";
-        const std::array<char, 3> triple{'%', kDigits[byte >> 4U], kDigits[byte & 0x0fU]};
-        copy(triple.data(), triple.size());
+        put('%');
+        put(kDigits[byte >> 4U]);
+        put(kDigits[byte & 0x0fU]);
     }
     void cutTo(std::size_t size) { m_size = size; }
 
@@ -66,7 +68,7 @@ public:
     Repair(const char* url, std::size_t length, std::size_t plain)
         : m_url(url), m_length(length), m_at(plain), m_output(std::min(6 * length, kMostBytes))
     {
-        m_output.copy(url, plain);
+        m_output.put(url, plain);
     }
 
     std::string run()
@@ -92,7 +94,7 @@ private:
     {
         const unsigned char byte = byteAt(m_at);
         if (isPlain(byte)) {
-            m_output.copy(m_url + m_at, 1);
+            m_output.put(m_url[m_at]);
             ++m_at;
         } else if (byte < 0x80) {
             escapeAscii(byte);
