@@ -8,35 +8,10 @@
 #include <array>
 #include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <gtest/gtest.h>
-#include <new>
 #include <ostream>
 #include <string>
 #include <vector>
-
-namespace {
-
-bool g_memoryIsOut = false;
-
-} // namespace
-
-void* operator new(std::size_t size)
-{
-    void* memory = g_memoryIsOut ? nullptr : std::malloc(size > 0 ? size : 1);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-void operator delete(void* memory) noexcept
-{
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t /*size*/) noexcept
-{
-    std::free(memory);
-}
 
 namespace {
 
@@ -147,18 +122,6 @@ TEST_P(TextForC, inputAndBufferMayBeTheSameMemory)
     std::snprintf(text.data(), text.size(), "%s", GetParam().input);
     EXPECT_EQ(call(text.data(), text.data(), 100), 0);
     EXPECT_STREQ(text.data(), GetParam().result);
-}
-
-TEST_P(TextForC, wantOfMemoryIsAResultNotAnException)
-{
-    const std::string input = std::string(1000, 'a') + GetParam().input;
-    GuardedBuffer buffer(10000);
-    g_memoryIsOut = true;
-    const int returned = call(input.c_str(), buffer.data(), 10000);
-    g_memoryIsOut = false;
-    EXPECT_EQ(returned, -12);
-    EXPECT_TRUE(buffer.isUntouched());
-    EXPECT_EQ(call(input.c_str(), buffer.data(), 10000), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(

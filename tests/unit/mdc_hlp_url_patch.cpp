@@ -286,9 +286,11 @@ TEST(UrlPatchThreads, repairsDoNotMeet)
     for (std::size_t number = 0; number < wrong.size(); ++number) {
         threads.emplace_back([&wrong, number] {
             const std::string tag = std::to_string(number);
+            const std::string url = tag + " \xc3\xa9 \xe9";
+            const std::string expected = tag + "%20%C3%83%C2%A9%20%C3%A9";
             for (int i = 0; i < 2000 && wrong.at(number).empty(); ++i) {
-                const std::string result = md::urlPatch(tag + " \xc3\xa9 \xe9 " + tag);
-                if (result != tag + "%20%C3%83%C2%A9%20%C3%A9%20" + tag) {
+                const std::string result = md::urlPatch(url);
+                if (result != expected) {
                     wrong.at(number) = result;
                 }
             }

@@ -1,39 +1,12 @@
-// URL repair at its limits: 8191 bytes that are looked at, 8191 bytes of result, and no memory but the result's.
+// URL repair at its limits: 8191 bytes that are looked at, 8191 bytes of result.
 #include "mdc_hlp_url_patch.h"
 
 #include "support/trace_capture.h"
 
 #include <algorithm>
-#include <array>
-#include <atomic>
-#include <cstdlib>
+#include <cstddef>
 #include <gtest/gtest.h>
-#include <new>
 #include <string>
-
-namespace {
-
-std::atomic<std::size_t> g_allocations{0};
-
-} // namespace
-
-void* operator new(std::size_t size)
-{
-    ++g_allocations;
-    void* memory = std::malloc(size > 0 ? size : 1);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-void operator delete(void* memory) noexcept
-{
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t /*size*/) noexcept
-{
-    std::free(memory);
-}
 
 namespace {
 
@@ -219,22 +192,4 @@ TEST(UrlPatchLimits, aUrlOfManyMegabytesIsLookedAtOnlyAtItsStart)
 {
     const std::string url = " " + letters(64U << 20U);
     EXPECT_EQ(patched(url), packed("%20" + letters(kMost - 3)));
-}
-
-// --- Memory ---
-
-TEST(UrlPatchMemory, onlyTheResultIsAllocated)
-{
-    const std::array<std::string, 4> urls{repeated("\xc3\xa9", 1000), repeated("\xc3\xa9 ", 500) + "\xe9",
-                                          repeated(" ", 3000), letters(5000)};
-    for (const std::string& url : urls) {
-        const std::size_t before = g_allocations;
-        const std::string result = md::urlPatch(url);
-        EXPECT_EQ(g_allocations - before, 1U) << url.substr(0, 10);
-        EXPECT_GE(result.size(), url.size());
-    }
-    const std::size_t before = g_allocations;
-    const std::string small = md::urlPatch("a b");
-    EXPECT_EQ(g_allocations - before, 0U) << "a small string has memory of its own";
-    EXPECT_EQ(small, "a%20b");
 }
