@@ -4,6 +4,7 @@
 #include "mdc_hlp_playlist_read.h"
 #include "mdc_hlp_url.h"
 #include "support/engine.h"
+#include "support/gate.h"
 #include "support/http_server.h"
 #include "support/sockets.h"
 #include "support/temp_dir.h"
@@ -17,11 +18,13 @@
 #include <iterator>
 #include <list>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
 
 using support::At;
+using support::Gate;
 using support::HttpServer;
 using support::Reply;
 using support::TempDir;
@@ -170,8 +173,14 @@ TEST_F(ScanPlaylist, bodyThatComesInPiecesIsReadToItsEnd)
 TEST_F(ScanPlaylist, bodyThatBreaksOffGivesWhatCame)
 {
     HttpServer server;
-    server.on("/a.m3u", Reply().body("one\ntwo\nthree\n").close(At::body(9)));
-    const Scanned scanned = scan(server.url("/a.m3u"));
+    Gate opened; // a break that the opening notices already is a failed opening
+    server.on("/a.m3u", Reply().body("one\ntwo\nthree\n").wait(At::body(9), opened).close(At::body(9)));
+    const TraceCapture traces;
+    Scanned scanned;
+    std::thread scanning([&] { scanned = scan(server.url("/a.m3u")); });
+    EXPECT_TRUE(traces.waitFor("mdc_hlp_url.cpp:#:mdch_UrlSize(): Called.\n"));
+    opened.open();
+    scanning.join();
     EXPECT_EQ(scanned.result, 0);
     EXPECT_EQ(scanned.locators(), (Texts{"one", "two", "t"}));
 }
