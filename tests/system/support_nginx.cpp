@@ -69,7 +69,9 @@ std::string Nginx::configuration() const
            "  gzip off;\n"
            "  client_body_temp_path body;\n  proxy_temp_path proxy;\n  fastcgi_temp_path fastcgi;\n"
            "  uwsgi_temp_path uwsgi;\n  scgi_temp_path scgi;\n"
-           "  types { audio/mpeg mp3; text/plain txt; }\n"
+           "  types { audio/mpeg mp3; text/plain txt; text/html html; audio/x-mpegurl m3u; video/x-ms-asf "
+           "asf asx;\n"
+           "    audio/x-ms-wax wax; video/x-ms-wvx wvx; }\n"
            "  default_type application/octet-stream;\n"
            "  server {\n    listen 127.0.0.1:" +
            std::to_string(port(kPlain)) +
@@ -79,6 +81,8 @@ std::string Nginx::configuration() const
            "    location /forbidden { return 403; }\n"
            "    location /moved { return 302 /song.mp3; }\n"
            "    location /elsewhere { return 302 ftp://127.0.0.1/song.mp3; }\n"
+           "    location /to-mms { return 302 \"mms://127.0.0.1/live stream\"; }\n"
+           "    location /to-list { return 301 /station.m3u; }\n"
            "    location /circle { return 302 /circle; }\n"
            "    location /whole/ { alias files/; max_ranges 0; }\n"
            "  }\n" +

@@ -54,6 +54,23 @@ TEST_F(SharedLibrary, showsTheInterface)
     EXPECT_TRUE(shows("mdchHttpSsl_verifyCertificateCallback"));
 }
 
+TEST_F(SharedLibrary, showsPlaylistsAndRedirects)
+{
+    ASSERT_NE(m_library, nullptr);
+    const std::string text = std::string("RK") + kText; // the first; later ones are written in short
+    EXPECT_TRUE(shows("_Z20createM3uItemLocator" + text + "S6_"));
+    EXPECT_TRUE(
+        shows("_Z22createM3uEntryFromData" + text + "N2md12Conversion_tES6_S6_RNS7_13PlaylistEntryE"));
+    EXPECT_TRUE(shows("_Z24parseM3uBufferToPlaylist" + text +
+                      "RKSt6vectorIhSaIhEEN2md12Conversion_tERNS_4listINSC_13PlaylistEntryESaISF_EEERS4_"));
+    EXPECT_TRUE(shows(
+        mangled("scanPlaylist", text + "RNS0_4listINS_13PlaylistEntryESaIS9_EEERS5_NS_12Conversion_tE")));
+    EXPECT_TRUE(shows(mangled("streamNeedRedirect", text + "RSt5dequeIS5_SaIS5_EE")));
+    EXPECT_TRUE(shows(mangled("parseM3U", text + "RS5_")));
+    EXPECT_TRUE(shows(mangled("parseASX", text + "RS5_Rb")));
+    EXPECT_TRUE(shows(mangled("parseSIMPLE", text + "RS5_")));
+}
+
 TEST_F(SharedLibrary, showsThePlatformsSetUp)
 {
     ASSERT_NE(m_library, nullptr);
