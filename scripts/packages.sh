@@ -4,7 +4,7 @@
 # shellcheck disable=SC2034 # used by the scripts that source this one
 {
     packages_build="cmake ninja-build g++ pkg-config libcurl4-openssl-dev libssl-dev libboost-dev
-        libboost-thread-dev libboost-system-dev libmount-dev libcli11-dev"
+        libboost-thread-dev libboost-system-dev libmount-dev libcli11-dev nlohmann-json3-dev"
     packages_demo="nginx-light icecast2 ffmpeg openssl"
     packages_test="$packages_build $packages_demo libgtest-dev libgmock-dev minidlna curl"
     packages_lint="clang-format-14 clang-tidy-14"

@@ -18,6 +18,11 @@ struct Command
 // Each adds itself to the command line.
 Command addInfo(CLI::App& line);
 Command addCat(CLI::App& line);
+Command addResolve(CLI::App& line);
+Command addPlaylist(CLI::App& line);
+Command addEncode(CLI::App& line);
+Command addDecode(CLI::App& line);
+Command addRepair(CLI::App& line);
 Command addVolumes(CLI::App& line);
 Command addNative(CLI::App& line);
 

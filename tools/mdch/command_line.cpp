@@ -71,7 +71,8 @@ private:
 
 std::vector<Command> addCommands(CLI::App& line)
 {
-    return {addInfo(line), addCat(line), addVolumes(line), addNative(line)};
+    return {addInfo(line),   addCat(line),    addResolve(line), addPlaylist(line), addEncode(line),
+            addDecode(line), addRepair(line), addVolumes(line), addNative(line)};
 }
 
 std::string namesOf(const std::vector<Command>& commands)

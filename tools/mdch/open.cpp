@@ -1,7 +1,6 @@
 #include "open.h"
 
 #include "mdc_hlp_http_access.h"
-#include "mdc_hlp_httpproxy.h"
 #include "mdc_hlp_url_nvol2.h"
 #include "mdc_hlp_url_udp.h"
 
@@ -71,14 +70,6 @@ int openByHand(const StreamOptions& options, const mdch_UrlExtended_struct& ext,
     http.fcntl(MDCH_FCNTL_DATA_TIMEOUT, options.timeout != 0 ? options.timeout : kDataSeconds);
     const int opened = http.open(options.url.c_str(), MDCH_MODE_READ);
     return opened < 0 ? opened : http.error();
-}
-
-void setProxy(const StreamOptions& options)
-{
-    md::httpProxyInfo_struct info;
-    info.host = options.proxyHost;
-    info.port = options.proxyPort;
-    md::setHttpProxyInfo(info, !options.proxyHost.empty(), false);
 }
 
 std::int32_t icyIntervalFrom(const Source& source)
@@ -192,7 +183,7 @@ bool openSource(const StreamOptions& options, Source& source, Failure& failure)
     if (!readKeyPassword(options, keyPassword, failure)) {
         return false;
     }
-    setProxy(options);
+    setProxy(options.proxyHost, options.proxyPort);
     mdch_UrlExtended_struct ext = extendedFrom(options, keyPassword);
     const std::string what = "cannot open " + options.url;
     int result = 0;

@@ -1,6 +1,6 @@
 #include "stream_options.h"
 
-#include "mdc_hlp_url_types.h"
+#include "mdc_hlp_httpproxy.h"
 #include "mdp_debug.h"
 #include "nvol2.h"
 
@@ -111,6 +111,14 @@ void addProxyOption(CLI::App& command, std::string& host, std::int32_t& port)
             "HTTP proxy")
         ->option_text("HOST:PORT")
         ->group(kStreamGroup);
+}
+
+void setProxy(const std::string& host, std::int32_t port)
+{
+    md::httpProxyInfo_struct info;
+    info.host = host;
+    info.port = port;
+    md::setHttpProxyInfo(info, !host.empty(), false);
 }
 
 void addVolumeOption(CLI::App& command)

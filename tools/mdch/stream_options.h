@@ -33,6 +33,9 @@ void addStreamOptions(CLI::App& command, StreamOptions& options);
 void addUserAgentOption(CLI::App& command, std::string& userAgent);
 void addProxyOption(CLI::App& command, std::string& host, std::int32_t& port);
 
+// Makes the proxy that of the process; an empty host: none.
+void setProxy(const std::string& host, std::int32_t port);
+
 // --volume UUID=DIR, which registers a directory as a media volume at once.
 void addVolumeOption(CLI::App& command);
 

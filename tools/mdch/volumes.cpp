@@ -2,23 +2,19 @@
 #include "failure.h"
 #include "interrupt.h"
 #include "stream_options.h"
+#include "table.h"
 
 #include "nvol2.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <iomanip>
 #include <iostream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 namespace mdch {
 
 namespace {
-
-using Row = std::array<std::string, 4>;
 
 std::vector<int> mediaIds()
 {
@@ -32,9 +28,9 @@ std::vector<int> mediaIds()
     return ids;
 }
 
-std::vector<Row> rows()
+Rows volumeRows()
 {
-    std::vector<Row> table;
+    Rows table;
     for (const int mediaId : mediaIds()) {
         nvol2Media_struct record{};
         if (nvol2MediaGet(mediaId, &record) == 0) {
@@ -47,27 +43,9 @@ std::vector<Row> rows()
     return table;
 }
 
-std::string tableText(const std::vector<Row>& table)
-{
-    std::array<std::size_t, 4> widths{};
-    for (const Row& row : table) {
-        for (std::size_t column = 0; column < row.size(); ++column) {
-            widths[column] = std::max(widths[column], row[column].size());
-        }
-    }
-    std::ostringstream text;
-    for (const Row& row : table) {
-        for (std::size_t column = 0; column + 1 < row.size(); ++column) {
-            text << std::left << std::setw(static_cast<int>(widths[column]) + 2) << row[column];
-        }
-        text << row.back() << '\n';
-    }
-    return text.str();
-}
-
 int runVolumes()
 {
-    std::vector<Row> table = rows();
+    Rows table = volumeRows();
     if (table.empty()) {
         return report({"no media volume", "no mounted device tells its UUID",
                        "Mount one, or name a directory with --volume", kExitFile});
