@@ -34,6 +34,8 @@ using Texts = std::vector<std::string>;
 
 constexpr const char* kUntouched = "untouched";
 constexpr const char* kScan = "mdc_hlp_playlist.cpp:#:scanPlaylist(): ";
+constexpr const char* kParsing = "mdc_hlp_playlist_lines.cpp:#:parseM3uBufferToPlaylist(): Length of line "
+                                 "after \r stripping is 5 bytes.\n";
 constexpr const char* kClose = "mdc_hlp_url.cpp:#:mdch_UrlClose(): Called.\n";
 
 std::string scanTrace(const std::string& text)
@@ -86,9 +88,7 @@ Texts story(const TraceCapture& traces)
     for (const std::string& text : traces.texts()) {
         const std::string line = TraceCapture::withoutLineNumber(text);
         if (line.rfind(kScan, 0) == 0 || line == kClose ||
-            line == "mdc_hlp_url.cpp:#:mdch_UrlOpen(): Called.\n" ||
-            line == "mdc_hlp_playlist_lines.cpp:#:parseM3uBufferToPlaylist(): Length of line after \r "
-                    "stripping is 5 bytes.\n") {
+            line == "mdc_hlp_url.cpp:#:mdch_UrlOpen(): Called.\n" || line == kParsing) {
             story.push_back(line);
         }
     }
@@ -274,11 +274,8 @@ TEST_F(ScanPlaylist, streamIsClosedBeforeItIsParsed)
     const TraceCapture traces;
     scan(file);
     const std::string finished = scanTrace("Finished parsing playlist " + quoted(file) + ".");
-    EXPECT_EQ(story(traces),
-              (Texts{scanTrace("Called."), "mdc_hlp_url.cpp:#:mdch_UrlOpen(): Called.\n", kClose,
-                     "mdc_hlp_playlist_lines.cpp:#:parseM3uBufferToPlaylist(): Length of line after \r "
-                     "stripping is 5 bytes.\n",
-                     finished}));
+    EXPECT_EQ(story(traces), (Texts{scanTrace("Called."), "mdc_hlp_url.cpp:#:mdch_UrlOpen(): Called.\n",
+                                    kClose, kParsing, finished}));
     EXPECT_EQ(traces.severityOf(finished), 4000U);
 }
 

@@ -338,6 +338,7 @@ TEST_F(Redirect, callsFromManyThreadsDoNotMix)
                     Reply().contentType("text/plain").body("http://host/" + std::to_string(i) + "\n"));
     }
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([this, i] {
             const std::string name = std::to_string(i);

@@ -1,38 +1,27 @@
-// What is asked of the server, and how much of its answer is taken.
+// What is asked of the server, and what its header says.
 #include "mdc_hlp_redirect_query.h"
 
-#include "mdc_hlp_http_access.h"
 #include "mdc_hlp_url.h"
 #include "support/engine.h"
-#include "support/gate.h"
 #include "support/http_server.h"
 #include "support/sockets.h"
 #include "support/trace_capture.h"
 
-#include <cerrno>
-#include <chrono>
 #include <cstdlib>
 #include <deque>
 #include <future>
 #include <gtest/gtest.h>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
 
 using md::HeaderQuery;
-using md::HttpAccess;
-using support::At;
-using support::Gate;
 using support::HttpServer;
-using support::Media;
 using support::Reply;
 using support::TraceCapture;
 
 using Texts = std::vector<std::string>;
-
-constexpr std::chrono::hours kForever{24};
 
 std::string line(const std::string& text)
 {
@@ -67,11 +56,6 @@ protected:
         m_server.on("/typed", Reply().contentType(type).body(body));
         EXPECT_EQ(askFor("/typed"), md::kQueryDone) << type;
         return m_query.body;
-    }
-
-    void open(HttpAccess& stream, const std::string& path) const
-    {
-        ASSERT_GT(stream.open(m_server.url(path).c_str(), 0), 0);
     }
 
     support::EngineStopped m_engineStopped; // so that the first stream is number 100
@@ -257,135 +241,6 @@ TEST_F(RedirectQuery, blanksInFrontOfTheTypeAreSkipped)
     askFor("/a");
     EXPECT_EQ(m_query.contentType, "text/plain\r\n");
     EXPECT_EQ(m_query.body, "x");
-}
-
-TEST_F(RedirectQuery, bodyStopsAtTheReadThatBringsTenThousandBytes)
-{
-    m_server.on("/a", Reply::endless().contentType("text/plain"));
-    const TraceCapture traces;
-    EXPECT_EQ(askFor("/a"), md::kQueryDone);
-    EXPECT_EQ(m_query.body.size(), 10000U);
-    EXPECT_TRUE(Media().matches(0, m_query.body));
-    EXPECT_EQ(traces.count(line("read=2500.")), 4U);
-    EXPECT_EQ(story(traces).back(), line("done"));
-    EXPECT_EQ(traces.severityOf(line("done")), 5000U);
-}
-
-TEST_F(RedirectQuery, noMoreThan12499BytesAreKept)
-{
-    m_server.on("/a", Reply::endless());
-    HttpAccess stream;
-    open(stream, "/a");
-    std::string body(9999, 'x');
-    md::readBody(stream, body, kForever);
-    EXPECT_EQ(body.size(), 12499U);
-}
-
-TEST_F(RedirectQuery, bodyBelowTheLimitIsReadToItsEnd)
-{
-    const std::string body = Media().bytes(0, 9999);
-    EXPECT_TRUE(bodyOfType("text/plain", body) == body);
-    EXPECT_EQ(bodyOfType("text/plain", ""), "");
-    EXPECT_EQ(bodyOfType("text/plain", std::string("a\0b", 3)), std::string("a\0b", 3));
-}
-
-TEST_F(RedirectQuery, bodyThatBreaksOffCountsAsFarAsItCame)
-{
-    m_server.on(
-        "/a", Reply().contentType("text/plain").body("http://host/x").contentLength(50).close(At::body(10)));
-    HttpAccess stream;
-    open(stream, "/a");
-    std::string body;
-    md::readBody(stream, body, kForever);
-    EXPECT_EQ(body, "http://hos");
-}
-
-TEST_F(RedirectQuery, streamThatStallsEndsWithItsTimeout)
-{
-    m_server.on("/a", Reply().body("hello").contentLength(9).stall(At::body(5)));
-    HttpAccess stream;
-    stream.fcntl(MDCH_FCNTL_DATA_TIMEOUT, 1);
-    open(stream, "/a");
-    ASSERT_TRUE(support::waitForDescriptor(100, [](const auto& desc) { return desc.writePos == 5; }));
-    const TraceCapture traces;
-    std::string body;
-    md::readBody(stream, body, kForever);
-    EXPECT_EQ(body, "hello");
-    EXPECT_EQ(story(traces), (Texts{line("read=5."), line("read=0."), line("error")}));
-    EXPECT_EQ(traces.severityOf(line("error")), 3000U);
-}
-
-TEST_F(RedirectQuery, dataTimeoutIsShorterThanAPlayers)
-{
-    m_server.on("/a", Reply().contentType("text/plain").body("hello").contentLength(9).stall(At::body(5)));
-    auto asking = std::async(std::launch::async, [this] { return askFor("/a"); });
-    EXPECT_TRUE(support::waitForDescriptor(100, [](const auto& desc) { return desc.dataTimeout == 30; }));
-    m_server.dropConnections();
-    asking.wait();
-}
-
-TEST_F(RedirectQuery, emptyReadsAreTriedAgainUntilThereIsData)
-{
-    Gate gate;
-    m_server.on("/a", Reply().body("hello").wait(At::body(), gate));
-    HttpAccess stream;
-    open(stream, "/a");
-    EXPECT_EQ(stream.size(), 5); // the header is there
-    stream.fcntl(MDCH_FCNTL_NONBLOCKING);
-    const TraceCapture traces;
-    std::string body;
-    auto reading = std::async(std::launch::async, [&] { md::readBody(stream, body, kForever); });
-    EXPECT_TRUE(support::waitUntil([&traces] { return traces.count(line("read=0.")) >= 3; }));
-    EXPECT_FALSE(traces.has(line("eof")) || traces.has(line("error")));
-    gate.open();
-    reading.get();
-    EXPECT_EQ(body, "hello");
-    EXPECT_EQ(story(traces).back(), line("eof"));
-}
-
-TEST_F(RedirectQuery, shutdownEndsTheReading)
-{
-    m_server.on("/a", Reply().body("hello").contentLength(9).stall(At::body(5)));
-    HttpAccess stream;
-    open(stream, "/a");
-    const TraceCapture traces;
-    std::string body;
-    auto reading = std::async(std::launch::async, [&] { md::readBody(stream, body, kForever); });
-    EXPECT_TRUE(traces.waitFor("read(): wait for data on fd 100 (bufSize = 0; missing = 2495\n"));
-    HttpAccess::shutdown();
-    reading.get();
-    EXPECT_EQ(body, "hello");
-}
-
-// It gives nothing, but has not ended and has no error.
-TEST_F(RedirectQuery, transferThatIsGoneCountsAsFailed)
-{
-    m_server.on("/a", Reply().body("hello"));
-    HttpAccess stream;
-    open(stream, "/a");
-    HttpAccess::shutdown();
-    EXPECT_EQ(stream.eof(), 0);
-    EXPECT_EQ(stream.error(), 0);
-    const TraceCapture traces;
-    std::string body;
-    md::readBody(stream, body, kForever);
-    EXPECT_EQ(body, "");
-    EXPECT_EQ(story(traces), (Texts{line("read=0."), line("error")}));
-}
-
-// A server that gives some bytes per time-out would hold the caller for hours.
-TEST_F(RedirectQuery, readingEndsWhenPatienceIsOver)
-{
-    m_server.on("/a", Reply::endless().throttle(20));
-    HttpAccess stream;
-    stream.fcntl(MDCH_FCNTL_DATA_TIMEOUT, 1);
-    open(stream, "/a");
-    ASSERT_TRUE(support::waitForDescriptor(100, [](const auto& desc) { return desc.writePos > 0; }));
-    const TraceCapture traces;
-    std::string body;
-    md::readBody(stream, body, std::chrono::seconds(0));
-    EXPECT_FALSE(body.empty());
-    EXPECT_EQ(story(traces), (Texts{line("read=" + std::to_string(body.size()) + "."), line("error")}));
 }
 
 TEST(RedirectHeader, laterLinesReplaceEarlierOnes)
