@@ -132,8 +132,10 @@ TEST_F(RedirectBody, streamThatStallsEndsWithItsTimeout)
 TEST_F(RedirectBody, dataTimeoutIsShorterThanAPlayers)
 {
     m_server.on("/a", Reply().contentType("text/plain").body("hello").contentLength(9).stall(At::body(5)));
+    const TraceCapture traces;
     auto asking = std::async(std::launch::async, [this] { queryBody("/a"); });
-    EXPECT_TRUE(support::waitForDescriptor(100, [](const auto& desc) { return desc.dataTimeout == 30; }));
+    EXPECT_TRUE(traces.waitFor("read(): wait for data on fd 100 (bufSize = 0; missing = 2495\n"));
+    EXPECT_EQ(support::inspect(100, [](const auto& desc) { return desc.dataTimeout; }), 30);
     m_server.dropConnections();
     asking.wait();
 }
