@@ -63,7 +63,8 @@ public:
     std::string url(std::string_view path = "/") const; // "http://127.0.0.1:PORT/path"
 
     UniqueFd listen() const;
-    void listenSilently(); // on the socket itself; nobody accepts
+    void listenSilently(); // on the socket itself; nobody accepts, unless the owner does it with fd()
+    int fd() const { return socket_.get(); }
 
 private:
     UniqueFd socket_;

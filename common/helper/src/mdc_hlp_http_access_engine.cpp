@@ -1,3 +1,4 @@
+#include "mdc_hlp_curl_setup.h"
 #include "mdc_hlp_http_access.h"
 #include "mdc_hlp_http_access_impl.h"
 #include "mdc_hlp_trace.h"
@@ -56,7 +57,7 @@ HttpAccessImpl& engineSingleton()
     HttpAccessImpl* impl = HttpAccess::m_impl.load();
     if (impl == nullptr) {
         auto made = std::make_unique<HttpAccessImpl>(++g_engineRuns);
-        curl_global_init(CURL_GLOBAL_DEFAULT);
+        initCurl();
         if (!g_exitHandlerInstalled) {
             g_exitHandlerInstalled = std::atexit(stopAtExit) == 0;
         }

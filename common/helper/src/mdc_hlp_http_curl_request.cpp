@@ -1,3 +1,4 @@
+#include "mdc_hlp_curl_setup.h"
 #include "mdc_hlp_http_curl_engine.h"
 #include "mdc_hlp_http_ssl.h"
 #include "mdc_hlp_httpproxy.h"
@@ -9,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <strings.h>
-#include <sys/socket.h>
 
 namespace {
 
@@ -56,25 +56,6 @@ void allocateReceiveBuffer(MdchCurlDescriptor_struct& desc, const char* function
     desc.ringBuffer.init(desc.receiveBufferMemory, size);
 }
 
-// Redirects, and the first URL too, stay within HTTP: a redirect to FTP would send replies through the header
-// callback that look like header lines.
-void allowHttpOnly(CURL* easy)
-{
-#if LIBCURL_VERSION_NUM >= 0x075500
-    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-#else
-    curl_easy_setopt(easy, CURLOPT_PROTOCOLS, static_cast<long>(CURLPROTO_HTTP | CURLPROTO_HTTPS));
-    curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS, static_cast<long>(CURLPROTO_HTTP | CURLPROTO_HTTPS));
-#endif
-}
-
-// A socket that a child process would inherit keeps the connection open after the stream is closed.
-curl_socket_t openSocket(void* /*context*/, curlsocktype /*purpose*/, curl_sockaddr* address)
-{
-    return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
-}
-
 void setBasics(MdchCurlDescriptor_struct& desc)
 {
     CURL* easy = desc.easy;
@@ -85,23 +66,20 @@ void setBasics(MdchCurlDescriptor_struct& desc)
     curl_easy_setopt(easy, CURLOPT_URL, withEscapedBlanks(desc.url).c_str());
     curl_easy_setopt(easy, CURLOPT_PRIVATE, number);
     curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 1L);
-    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, number);
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, mdchHttpCurl_writeCallback);
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, number);
     curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, mdchHttpCurl_headerCallback);
 
-    curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, openSocket);
-    allowHttpOnly(easy);
+    md::setCurlBasics(easy);
+    // The first URL too: a redirect to FTP would send replies through the header callback that look like
+    // header lines.
+    md::allowOnly(easy, md::CurlProtocols::kHttp);
     // A proxy's answer to CONNECT is not the server's header.
     curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
     // Turns libcurl's cookie engine on without reading a file, so that received cookies are known and go along
     // on redirects and seeks.
     curl_easy_setopt(easy, CURLOPT_COOKIEFILE, "");
-#if LIBCURL_VERSION_NUM >= 0x075700
-    // A removed handle does not wait for its name to be resolved.
-    curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
-#endif
 }
 
 const char* transferModeLine(std::int32_t mode)
