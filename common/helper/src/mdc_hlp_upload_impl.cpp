@@ -9,7 +9,6 @@
 #include <cxxabi.h>
 #include <memory>
 #include <strings.h>
-#include <sys/socket.h>
 
 namespace md {
 
@@ -25,16 +24,6 @@ using EasyHandle = std::unique_ptr<CURL, Cleanup>;
 bool breaksLine(const std::string& text)
 {
     return text.find_first_of(std::string("\r\n\0", 3)) != std::string::npos;
-}
-
-// The end of the handle says good-bye to the server, whose answer nobody needs: one that does not come would
-// hold the caller for minutes after the upload is done.
-void expectNoMoreReplies(CURL* easy)
-{
-    curl_socket_t control = CURL_SOCKET_BAD;
-    if (curl_easy_getinfo(easy, CURLINFO_ACTIVESOCKET, &control) == CURLE_OK && control != CURL_SOCKET_BAD) {
-        shutdown(control, SHUT_RD);
-    }
 }
 
 } // namespace
@@ -143,8 +132,14 @@ CURLcode FtpAccess::Impl::transfer(CURL* easy, const UploadSource& source)
     if (code == CURLE_OK) {
         code = curl_easy_perform(easy);
     }
-    expectNoMoreReplies(easy);
     const MdpLock lock(mutex);
+    // The end of the handle says good-bye to the server and waits for its answer, which nobody needs. After a
+    // failure even a data connection may still be open, and the server wait for its end.
+    if (code == CURLE_OK) {
+        m_sockets.expectNothing();
+    } else {
+        m_sockets.breakOff();
+    }
     m_isInterruptible = false;
     if (m_isInterrupted && code != CURLE_OK && code != CURLE_ABORTED_BY_CALLBACK) {
         // libcurl met the end of the connection before its next progress call.
@@ -189,11 +184,11 @@ CURLcode FtpAccess::Impl::configure(CURL* easy, const UploadSource& source)
     if (isSecure()) {
         // A server that wants the file in the clear does not get it.
         set(CURLOPT_USE_SSL, static_cast<long>(CURLUSESSL_ALL));
-        set(CURLOPT_OPENSOCKETFUNCTION, &Impl::openSocket);
-        set(CURLOPT_OPENSOCKETDATA, this);
-        set(CURLOPT_CLOSESOCKETFUNCTION, &Impl::closeSocket);
-        set(CURLOPT_CLOSESOCKETDATA, this);
     }
+    set(CURLOPT_OPENSOCKETFUNCTION, &Impl::openSocket);
+    set(CURLOPT_OPENSOCKETDATA, this);
+    set(CURLOPT_CLOSESOCKETFUNCTION, &Impl::closeSocket);
+    set(CURLOPT_CLOSESOCKETDATA, this);
     return result;
 }
 

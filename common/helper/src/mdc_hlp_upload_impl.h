@@ -72,7 +72,7 @@ private:
     static curl_socket_t openSocket(void* impl, curlsocktype purpose, curl_sockaddr* address);
     static int closeSocket(void* impl, curl_socket_t socket);
 
-    UploadSockets m_sockets;        // of a transfer over TLS
+    UploadSockets m_sockets;
     bool m_isInterruptible = false; // a transfer over TLS is under way and has sent nothing yet
     bool m_isInterrupted = false;   // a cancel has broken the connections off
 };

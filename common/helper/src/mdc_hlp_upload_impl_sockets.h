@@ -1,9 +1,9 @@
 /*
- * The connections of an upload under way, so that a cancel can break them off.
+ * The connections of an upload, so that what libcurl would wait for without a progress call can be broken off: the
+ * TLS handshake of a data connection (five minutes), and the answer to the good-bye (two minutes).
  *
- * libcurl makes no progress call during the TLS handshake of a data connection: it waits there for up to five
- * minutes, and only an end of the connection ends the wait. No lock of its own: the owner's mutex guards every
- * call, so that no number is shut down that is somebody else's descriptor by then.
+ * No lock of its own: the owner's mutex guards every call, so that no number is shut down that is somebody else's
+ * descriptor by then.
  */
 #ifndef MDC_HLP_UPLOAD_IMPL_SOCKETS_H
 #define MDC_HLP_UPLOAD_IMPL_SOCKETS_H
@@ -30,18 +30,23 @@ public:
         return ::close(socket);
     }
 
-    /* Both ends see the connections end; they stay open. */
-    void breakOff() const
-    {
-        for (const int socket : m_sockets) {
-            if (socket != kNone) {
-                shutdown(socket, SHUT_RDWR);
-            }
-        }
-    }
+    /* No more waiting: neither for bytes that might come, nor for room to send. They stay open. */
+    void breakOff() const { shutdownAll(SHUT_RDWR); }
+
+    /* No more waiting for bytes; what is sent still goes out. */
+    void expectNothing() const { shutdownAll(SHUT_RD); }
 
 private:
     static constexpr int kNone = -1;
+
+    void shutdownAll(int how) const
+    {
+        for (const int socket : m_sockets) {
+            if (socket != kNone) {
+                shutdown(socket, how);
+            }
+        }
+    }
 
     void replace(int former, int next)
     {
