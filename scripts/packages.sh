@@ -6,9 +6,15 @@
     packages_build="cmake ninja-build g++ pkg-config libcurl4-openssl-dev libssl-dev libboost-dev
         libboost-thread-dev libboost-system-dev libmount-dev libcli11-dev nlohmann-json3-dev"
     packages_demo="nginx-light icecast2 ffmpeg openssl"
-    packages_test="$packages_build $packages_demo libgtest-dev libgmock-dev minidlna curl"
+    packages_test="$packages_build $packages_demo libgtest-dev libgmock-dev minidlna curl
+        vsftpd proftpd-core"
     packages_lint="clang-format-14 clang-tidy-14"
     packages_fuzz="$packages_build clang-14 libclang-rt-14-dev"
+
+    # These exclude each other, and any other FTP server that the machine may have. The tests start them by
+    # hand, so they are not installed but unpacked, here:
+    packages_unpacked="vsftpd proftpd-core"
+    unpack_folder="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)/build/servers"
 }
 
 package_installed() {
@@ -30,10 +36,16 @@ as_root() {
 
 # install_packages NAME...: says what it installs; says nothing when all is there.
 install_packages() {
-    local missing=() name
+    local missing=() unpacked=() name
     for name in "$@"; do
-        package_installed "$name" || missing+=("$name")
+        case " $packages_unpacked " in
+        *" $name "*) unpacked+=("$name") ;;
+        *) package_installed "$name" || missing+=("$name") ;;
+        esac
     done
+    if [ ${#unpacked[@]} -gt 0 ]; then
+        unpack_packages "${unpacked[@]}" || return 1
+    fi
     [ ${#missing[@]} -eq 0 ] && return 0
 
     if ! command -v apt-get >/dev/null; then
@@ -70,4 +82,43 @@ install_quietly() (
         echo "Installing failed." >&2
         return 1
     fi
+)
+
+# unpack_packages NAME...: into $unpack_folder, with the libraries that they need installed as usual.
+unpack_packages() {
+    local missing=() name libraries
+    for name in "$@"; do
+        [ -e "$unpack_folder/$name.libraries" ] || missing+=("$name")
+    done
+    if [ ${#missing[@]} -gt 0 ]; then
+        echo "Unpacking packages: ${missing[*]}"
+        unpack_quietly "${missing[@]}" || return 1
+    fi
+    for name in "$@"; do
+        libraries=$(cat "$unpack_folder/$name.libraries") || return 1
+        # shellcheck disable=SC2086 # a list of words
+        install_packages $libraries || return 1
+    done
+}
+
+# In a subshell, so that the trap and the folder are its own.
+unpack_quietly() (
+    local folder file name
+    folder=$(mktemp -d)
+    trap 'rm -rf "$folder"' EXIT
+    trap 'exit 130' INT TERM
+    mkdir -p "$unpack_folder"
+    cd "$folder" || exit 1
+    if ! { apt-get -qq download "$@" || { as_root apt-get -qq update && apt-get -qq download "$@"; }; } \
+        >log 2>&1; then
+        cat log >&2
+        echo "Downloading failed." >&2
+        exit 1
+    fi
+    for file in *.deb; do
+        name=$(dpkg-deb -f "$file" Package)
+        dpkg-deb -x "$file" "$unpack_folder" || exit 1
+        dpkg-deb -f "$file" Depends | tr ',' '\n' | sed -n 's/^ *\(lib[^ (|]*\).*/\1/p' \
+            >"$unpack_folder/$name.libraries"
+    done
 )

@@ -117,6 +117,25 @@ bool redirect(const char* path, int fd)
     _exit(kNotStarted);
 }
 
+// address: as the kernel's table has it.
+bool isListening(const char* file, const char* address, unsigned short port)
+{
+    std::ostringstream wanted;
+    wanted << address << ':' << std::hex << std::uppercase << std::setw(4) << std::setfill('0') << port;
+    std::ifstream table(file);
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream fields(line);
+        std::string number;
+        std::string local;
+        std::string remote;
+        std::string state;
+        if (fields >> number >> local >> remote >> state && local == wanted.str() && state == "0A") {
+            return true;
+        }
+    }
+    return false;
+}
+
 } // namespace
 
 Process::Process(std::vector<std::string> command, const ProcessOptions& options)
@@ -231,20 +250,12 @@ void giveAway(const std::string& path)
 
 bool listens(unsigned short port)
 {
-    std::ostringstream wanted;
-    wanted << "0100007F:" << std::hex << std::uppercase << std::setw(4) << std::setfill('0') << port;
-    std::ifstream table("/proc/net/tcp");
-    for (std::string line; std::getline(table, line);) {
-        std::istringstream fields(line);
-        std::string number;
-        std::string local;
-        std::string remote;
-        std::string state;
-        if (fields >> number >> local >> remote >> state && local == wanted.str() && state == "0A") {
-            return true;
-        }
-    }
-    return false;
+    return isListening("/proc/net/tcp", "0100007F", port);
+}
+
+bool listensIpv6(unsigned short port)
+{
+    return isListening("/proc/net/tcp6", "00000000000000000000000001000000", port);
 }
 
 } // namespace support

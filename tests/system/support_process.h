@@ -64,5 +64,6 @@ void giveAway(const std::string& path);
 // Whether a server listens on that port of 127.0.0.1. Makes no connection: some servers do not survive one that
 // ends without a word while they start.
 bool listens(unsigned short port);
+bool listensIpv6(unsigned short port); // on ::1
 
 } // namespace support
