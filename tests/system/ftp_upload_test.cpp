@@ -12,6 +12,7 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <string>
+#include <type_traits>
 #include <unistd.h>
 #include <vector>
 
@@ -112,6 +113,9 @@ TYPED_TEST(RealServer, Ipv6)
 
 TYPED_TEST(RealServer, WithoutANameTheLogInIsAnonymous)
 {
+    if (std::is_same_v<TypeParam, Proftpd> && geteuid() != 0) {
+        GTEST_SKIP() << "ProFTPD lets anonymous users in only when it is started by root";
+    }
     md::FtpAccess access = uploadTo(this->m_server, this->m_folder.write("a.bin", "hello"));
     access.setUserName("");
     EXPECT_EQ(access.upload(), 0);

@@ -4,6 +4,7 @@
 #include "support/sockets.h"
 
 #include <cerrno>
+#include <grp.h>
 #include <pwd.h>
 #include <stdexcept>
 #include <system_error>
@@ -29,6 +30,15 @@ const passwd& fileOwner()
         throw std::runtime_error("the servers' user is unknown");
     }
     return *owner;
+}
+
+std::string groupOf(const passwd& user)
+{
+    const group* found = getgrgid(user.pw_gid);
+    if (found == nullptr) {
+        throw std::runtime_error("the servers' group is unknown");
+    }
+    return found->gr_name;
 }
 
 // The two packages cannot be installed side by side; ./test unpacks them.
@@ -193,22 +203,24 @@ std::unique_ptr<Process> Proftpd::launch(const ProcessOptions& options)
 std::string Proftpd::configuration() const
 {
     const std::string root = folder().file("root");
+    // Only root's server can confine its users.
+    const std::string confined = "DefaultRoot " + root + "\n<Anonymous " + root +
+                                 ">\nUser anonymous\nGroup owner\nRequireValidShell off\n<Limit "
+                                 "LOGIN>\nAllowAll\n</Limit>\n</Anonymous>\n";
     const auto serve = [&](const std::string& address, std::uint16_t number) {
         return "<VirtualHost " + address + ">\nPort " + std::to_string(number) +
                "\nAuthOrder mod_auth_file.c\nAuthUserFile " + folder().file("passwd") + "\nAuthGroupFile " +
-               folder().file("group") + "\nDefaultRoot " + root +
-               "\nRequireValidShell off\nAllowOverwrite on\nUmask 022\n<Directory " + root +
-               "/in/small>\nMaxStoreFileSize " + std::to_string(kSmall) + " B\n</Directory>\n<Anonymous " +
-               root +
-               ">\nUser anonymous\nGroup owner\nRequireValidShell off\n<Limit LOGIN>\nAllowAll\n</Limit>\n"
-               "</Anonymous>\n</VirtualHost>\n";
+               folder().file("group") + "\nRequireValidShell off\nAllowOverwrite on\nUmask 022\n<Directory " +
+               root + "/in/small>\nMaxStoreFileSize " + std::to_string(kSmall) + " B\n</Directory>\n" +
+               (isRoot() ? confined : "") + "</VirtualHost>\n";
     };
     return "ServerName test\nServerType standalone\nPort 0\nUseIPv6 on\nUseReverseDNS off\n"
            "User " +
-           std::string(fileOwner().pw_name) + "\nScoreboardFile " + folder().file("scoreboard") +
-           "\nPidFile " + folder().file("pid") + "\nSystemLog " + folder().file("server.log") +
-           "\nTransferLog none\nWtmpLog off\nDelayEngine off\nSocketBindTight on\nModulePath " SERVER_FOLDER
-           "/usr/lib/proftpd\n" +
+           std::string(fileOwner().pw_name) + "\nGroup " + groupOf(fileOwner()) + "\nScoreboardFile " +
+           folder().file("scoreboard") + "\nPidFile " + folder().file("pid") + "\nSystemLog " +
+           folder().file("server.log") +
+           "\nTransferLog none\nWtmpLog off\nDelayEngine off\nControlsEngine off\nSocketBindTight "
+           "on\nModulePath " SERVER_FOLDER "/usr/lib/proftpd\n" +
            serve("127.0.0.1", port()) + serve("::1", portIpv6());
 }
 
