@@ -38,6 +38,9 @@ public:
     // Called at the start of each read; what it throws, the read throws.
     void setOnRead(std::function<void()> function) { m_onRead = std::move(function); }
 
+    // So that so many reads allocate nothing.
+    void reserveRequests(std::size_t count) { m_requests.reserve(count); }
+
     std::size_t taken() const { return m_taken; }
     const std::vector<Request>& requests() const { return m_requests; }
 
