@@ -153,7 +153,7 @@ inline std::string slowTakeValue(std::string& text)
         found = text.rfind(end);
     }
     if (found != std::string::npos) {
-        const std::string value = text.substr(0, found);
+        std::string value = text.substr(0, found);
         text.erase(0, found + end.size());
         return value;
     }
@@ -233,7 +233,7 @@ inline SlowIcy slowIcy(const std::string& bytes, int interval)
             --untilBlock;
             continue;
         }
-        const std::size_t size = 16U * static_cast<unsigned char>(bytes[at++]);
+        const std::size_t size = std::size_t{16} * static_cast<unsigned char>(bytes[at++]);
         if (bytes.size() - at < size) {
             break; // it never became whole
         }

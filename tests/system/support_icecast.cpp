@@ -10,6 +10,7 @@ namespace support {
 namespace {
 
 constexpr std::chrono::seconds kStartDeadline{30};
+constexpr const char* kAdminCredentials = "YWRtaW46dG9uZQ=="; // admin:tone
 
 } // namespace
 
@@ -68,6 +69,9 @@ std::string Icecast::configuration() const
            "  <listen-socket><port>" +
            std::to_string(m_port) +
            "</port><bind-address>127.0.0.1</bind-address></listen-socket>\n"
+           "  <mount type=\"normal\"><mount-name>" +
+           utf8Mount +
+           "</mount-name><charset>UTF-8</charset></mount>\n"
            "  <fileserve>1</fileserve>\n"
            "  <paths><basedir>/usr/share/icecast2</basedir><webroot>/usr/share/icecast2/web</webroot>\n"
            "    <adminroot>/usr/share/icecast2/admin</adminroot><logdir>" +
@@ -81,6 +85,14 @@ std::string Icecast::configuration() const
 std::string Icecast::url(const std::string& path) const
 {
     return "http://127.0.0.1:" + std::to_string(m_port) + path;
+}
+
+bool Icecast::announce(const std::string& mount, const std::string& query) const
+{
+    RawClient client(m_port);
+    client.send("GET /admin/metadata?mode=updinfo&mount=" + mount + "&" + query +
+                " HTTP/1.0\r\nAuthorization: Basic " + kAdminCredentials + "\r\n\r\n");
+    return client.readAll().find("Metadata update successful") != std::string::npos;
 }
 
 bool Icecast::isOnAir() const

@@ -19,6 +19,16 @@ public:
 
     std::string url(const std::string& path) const;
     std::string station() const { return url("/live.mp3"); } // on air when the constructor returns
+    std::uint16_t port() const { return m_port; }
+
+    // Announces the song of a mount, as whoever runs the station does. query: "song=..." and what else the
+    // interface takes, percent-encoded. False when the station refuses.
+    bool announce(const std::string& mount, const std::string& query) const;
+
+    // A mount that sends its titles in UTF-8; all others send ISO 8859-1. Nobody plays there yet.
+    static constexpr const char* utf8Mount = "/utf8.mp3";
+    // What a source shows to play: user and password for "Authorization: Basic".
+    static constexpr const char* sourceCredentials = "c291cmNlOnRvbmU=";
 
 private:
     bool start();

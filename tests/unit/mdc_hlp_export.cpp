@@ -49,6 +49,13 @@ TEST_F(SharedLibrary, showsTheInterface)
     EXPECT_TRUE(shows("_ZN2md8urlPatchB5cxx11EPKc"));
     EXPECT_TRUE(shows(mangled("urlPatch", std::string("RK") + kText)));
     EXPECT_TRUE(shows(mangled("validUtf8Char", "PKhi")));
+    EXPECT_TRUE(shows("_ZN2md9IcyReaderC1EN5boost10shared_ptrI11MdchUrlBaseEEi"));
+    EXPECT_TRUE(shows("_ZN2md9IcyReaderD1Ev"));
+    EXPECT_TRUE(shows("_ZN2md9IcyReader4readEPhj"));
+    EXPECT_TRUE(shows("_ZNK2md9IcyReader4tellEv"));
+    EXPECT_TRUE(shows("_ZNK2md9IcyReader5titleB5cxx11Ev"));
+    EXPECT_TRUE(shows("_ZNK2md9IcyReader3urlB5cxx11Ev"));
+    EXPECT_TRUE(shows("_ZN2md9IcyReader11takeChangesEv"));
     EXPECT_TRUE(shows("mdchHttpSsl_setCertificate"));
     EXPECT_TRUE(shows("mdchHttpSsl_cleanupCerts"));
     EXPECT_TRUE(shows("mdchHttpSsl_verifyCertificateCallback"));
@@ -87,6 +94,8 @@ TEST_F(SharedLibrary, hidesTheEngine)
     EXPECT_FALSE(shows("_Z30mdchHttpCurl_wakeupWorkerThreadv"));
     EXPECT_FALSE(shows("_Z23mdchHttpCurl_getContexti"));
     EXPECT_FALSE(shows("_ZN13MdpRingBuffer7releaseEv"));
+    EXPECT_FALSE(shows("_ZN2md13IcyReaderImpl4readEPhj"));
+    EXPECT_FALSE(shows("_ZN2md13parseIcyBlockESt17basic_string_viewIcSt11char_traitsIcEE"));
 }
 
 } // namespace

@@ -22,7 +22,8 @@ int allocationsLeft = kNever; // before they fail
 
 } // namespace
 
-void* operator new(std::size_t size)
+// Not inlined: the compiler would take them for a pair that does not match.
+[[gnu::noinline]] void* operator new(std::size_t size)
 {
     if (allocationsLeft != kNever && allocationsLeft-- <= 0) {
         throw std::bad_alloc();
@@ -34,12 +35,12 @@ void* operator new(std::size_t size)
     return memory;
 }
 
-void operator delete(void* memory) noexcept
+[[gnu::noinline]] void operator delete(void* memory) noexcept
 {
     std::free(memory);
 }
 
-void operator delete(void* memory, std::size_t /*size*/) noexcept
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept
 {
     std::free(memory);
 }
