@@ -93,7 +93,9 @@ void checkLocators(const std::string& path, const std::string& item)
             fuzz::require(step != ".." && step != ".", "no step is left");
         }
         fuzz::require(!contains(locator, std::string(1, '\0')), "a locator is a C text");
-        fuzz::require(createM3uItemLocator(playlist, locator.substr(kVolume.size())) == locator,
+        // A backslash in the playlist's own path is part of a name; in an item it would be a slash.
+        fuzz::require(contains(locator, "\\") ||
+                          createM3uItemLocator(playlist, locator.substr(kVolume.size())) == locator,
                       "a resolved item stays where it is");
     }
     if (strncasecmp(path.c_str(), "nvl2://", 7) != 0) {
