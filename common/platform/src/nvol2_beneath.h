@@ -13,7 +13,7 @@
  */
 int nvol2OpenBeneath(int root, const char* path, int flags, mode_t mode);
 
-/* The same without the kernel's help. */
+/* The same without the kernel's help. Holds a descriptor for each folder on the way while it walks. */
 int nvol2WalkBeneath(int root, const char* path, int flags, mode_t mode);
 
 #endif
