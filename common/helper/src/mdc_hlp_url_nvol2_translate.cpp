@@ -24,7 +24,9 @@ int findVolume(const char* function, const std::string& url, std::string& path)
     std::string protocol;
     std::string volumeId;
     parseNvol2Url(url, protocol, volumeId, path);
-    if (strcasecmp(protocol.c_str(), kProtocol) != 0) {
+    const bool isRight = protocol.size() == std::strlen(kProtocol) && // no NUL within cuts it off
+                         strcasecmp(protocol.c_str(), kProtocol) == 0;
+    if (!isRight) {
         MDCH_TRACE(kTraceError, "MdchUrlNvol2::%s() No nvol2 protocol\n", function);
         return -1;
     }

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <memory>
 #include <new>
@@ -82,11 +83,17 @@ int openOnVolume(int mediaId, const char* path, const Mode& mode)
         ++path;
     }
     // The folder is opened anew each time: kept open, it would hold the volume against being unmounted.
-    const MdpDescriptor root(open(volume.accessPath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const MdpDescriptor root(nvol2OpenRoot(volume));
     if (!root.isOpen()) {
         return -errno;
     }
-    // O_NONBLOCK: a pipe or a device that lies there is turned away, not waited for.
+    // Opening a device can be felt by it: what lies there is looked at first.
+    const MdpDescriptor thing(nvol2OpenBeneath(root.get(), path, O_PATH, 0));
+    const int reason = thing.isOpen() ? checkIsFile(thing.get()) : 0;
+    if (reason != 0) {
+        return -reason;
+    }
+    // O_NONBLOCK: a pipe that has come there since is turned away below, not waited for.
     const int flags = mode.flags | O_NONBLOCK | O_NOCTTY | O_LARGEFILE;
     return nvol2OpenBeneath(root.get(), path, flags, kNewFile);
 }
@@ -113,6 +120,12 @@ int openFile(int mediaId, const char* path, const char* modeText, std::unique_pt
         return -errno;
     }
     descriptor.release(); // the stream's now
+    // fdopen leaves the position of a file for appending at the start, unlike fopen.
+    if (std::strcmp(mode.text, "a") == 0 && fseeko64(file->stream, 0, SEEK_END) != 0) {
+        const int code = errno;
+        fclose(file->stream);
+        return -code;
+    }
     return 0;
 }
 
@@ -125,6 +138,20 @@ Result noFile(Result result)
 }
 
 } // namespace
+
+int nvol2OpenRoot(const Nvol2Volume& volume)
+{
+    MdpDescriptor root(open(volume.accessPath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    struct stat64 facts = {};
+    if (!root.isOpen() || fstat64(root.get(), &facts) != 0) {
+        return -1;
+    }
+    if (volume.device != 0 && facts.st_dev != volume.device) {
+        errno = ENODEV;
+        return -1;
+    }
+    return root.release();
+}
 
 nvol2File* nvol2_fopen(int mediaId, const char* path, const char* mode)
 {

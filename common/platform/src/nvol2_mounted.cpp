@@ -1,15 +1,15 @@
 #include "nvol2_volume.h"
 
-#include <array>
-#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
 #include <libmount/libmount.h>
 #include <map>
 #include <memory>
+#include <set>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <utility>
 
 namespace {
 
@@ -62,8 +62,8 @@ std::map<std::string, std::string> uuidsByLink(const char* folderPath)
 
 nvol2ConnectType connectTypeOf(const std::string& device)
 {
-    struct stat facts = {};
-    if (stat(device.c_str(), &facts) != 0 || !S_ISBLK(facts.st_mode)) {
+    struct stat64 facts = {};
+    if (stat64(device.c_str(), &facts) != 0 || !S_ISBLK(facts.st_mode)) {
         return NVOL2_CONNECT_INTERNAL;
     }
     const std::string link =
@@ -89,6 +89,77 @@ bool showsWholeTree(libmnt_fs* mount)
     return root == nullptr || std::strcmp(root, "/") == 0;
 }
 
+// Whoever mounts a file system of his own in user space may give it any device's name; "fuseblk" takes the right to
+// use that device.
+bool isFromUserSpace(libmnt_fs* mount)
+{
+    const char* type = mnt_fs_get_fstype(mount);
+    return type == nullptr || std::strcmp(type, "fuse") == 0 || std::strncmp(type, "fuse.", 5) == 0;
+}
+
+// File systems without a device number of their own show another one in each of their parts.
+dev_t deviceNumberOf(libmnt_fs* mount)
+{
+    const dev_t number = mnt_fs_get_devno(mount);
+    return major(number) != 0 ? number : 0;
+}
+
+// Single files are mounted, too.
+bool isNoFolder(const char* path)
+{
+    struct stat64 facts = {};
+    return stat64(path, &facts) == 0 && !S_ISDIR(facts.st_mode);
+}
+
+// Tells which mount a path leads to: a later one hides what it lies on, and all that was mounted below.
+class MountTree
+{
+public:
+    explicit MountTree(const std::vector<libmnt_fs*>& mounts) : m_count(mounts.size())
+    {
+        std::set<int> ids;
+        for (libmnt_fs* mount : mounts) {
+            ids.insert(mnt_fs_get_id(mount));
+        }
+        for (libmnt_fs* mount : mounts) {
+            const int parent = mnt_fs_get_parent_id(mount);
+            const bool isKnown = parent != mnt_fs_get_id(mount) && ids.count(parent) > 0;
+            m_above[Place(isKnown ? parent : kNowhere, mnt_fs_get_target(mount))] = mount;
+        }
+    }
+
+    bool canBeReached(libmnt_fs* mount) const
+    {
+        const std::string target = mnt_fs_get_target(mount);
+        libmnt_fs* at = topmostAt("/", nullptr);
+        for (std::size_t end = 0; target != "/" && end != std::string::npos;) {
+            end = target.find('/', end + 1);
+            at = topmostAt(target.substr(0, end), at);
+        }
+        return at == mount;
+    }
+
+private:
+    using Place = std::pair<int, std::string>; // the mount on which it lies, and where
+    static constexpr int kNowhere = 0;         // of mounts that lie on none in the table
+
+    // From the mount that was reached so far to the topmost of those that lie on it at that path.
+    libmnt_fs* topmostAt(const std::string& path, libmnt_fs* at) const
+    {
+        for (std::size_t count = 0; count < m_count; ++count) { // the table may go in circles
+            const auto next = m_above.find(Place(at != nullptr ? mnt_fs_get_id(at) : kNowhere, path));
+            if (next == m_above.end()) {
+                break;
+            }
+            at = next->second;
+        }
+        return at;
+    }
+
+    std::size_t m_count;
+    std::map<Place, libmnt_fs*> m_above;
+};
+
 class Mounted
 {
 public:
@@ -98,23 +169,30 @@ public:
     {
         const char* source = mnt_fs_get_srcpath(mount);
         const char* target = mnt_fs_get_target(mount);
-        if (source == nullptr || target == nullptr ||
-            std::strncmp(source, kDevices, std::strlen(kDevices)) != 0) {
-            return;
-        }
-        const auto known = m_places.find(source);
-        if (known != m_places.end()) { // mounted elsewhere, too
-            Place& place = known->second;
-            if (place.index >= 0 && !place.isWhole && showsWholeTree(mount)) {
-                m_volumes[static_cast<std::size_t>(place.index)].accessPath = withSlash(target);
-                place.isWhole = true;
-            }
+        if (source == nullptr || std::strncmp(source, kDevices, std::strlen(kDevices)) != 0 ||
+            isFromUserSpace(mount) || isNoFolder(target)) {
             return;
         }
         const std::string uuid = uuidOf(source);
-        m_places[source] = {uuid.empty() ? -1 : static_cast<long>(m_volumes.size()), showsWholeTree(mount)};
-        if (!uuid.empty()) {
-            m_volumes.push_back({uuid, withSlash(target), source, mediaTypeOf(mount), connectTypeOf(source)});
+        if (uuid.empty()) {
+            return;
+        }
+        const auto [known, isNew] = m_places.insert({nvol2UuidKey(uuid), {m_volumes.size(), false}});
+        Place& place = known->second;
+        if (!isNew && (place.isWhole || !showsWholeTree(mount))) {
+            return;
+        }
+        Nvol2Volume volume{uuid,
+                           withSlash(target),
+                           source,
+                           mediaTypeOf(mount),
+                           connectTypeOf(source),
+                           deviceNumberOf(mount)};
+        place.isWhole = showsWholeTree(mount);
+        if (isNew) {
+            m_volumes.push_back(std::move(volume));
+        } else {
+            m_volumes[place.index] = std::move(volume);
         }
     }
 
@@ -123,8 +201,8 @@ public:
 private:
     struct Place
     {
-        long index = -1; // in m_volumes; -1: the device tells no UUID
-        bool isWhole = false;
+        std::size_t index; // in m_volumes
+        bool isWhole;
     };
 
     static std::string withSlash(std::string path)
@@ -135,35 +213,52 @@ private:
         return path;
     }
 
-    std::string uuidOf(const char* device)
+    const std::string& uuidOf(const char* source)
     {
-        const auto link = m_links.find(realPath(device));
-        if (link != m_links.end()) {
-            return link->second;
+        const std::string device = realPath(source);
+        const auto [known, isNew] = m_links.insert({device, ""});
+        if (isNew) {
+            const char* tag = mnt_cache_find_tag_value(m_cache.get(), device.c_str(), "UUID");
+            known->second = tag != nullptr ? tag : "";
         }
-        const char* tag = mnt_cache_find_tag_value(m_cache.get(), device, "UUID");
-        return tag != nullptr ? tag : "";
+        return known->second;
     }
 
-    std::map<std::string, std::string> m_links;
+    std::map<std::string, std::string> m_links; // device node to UUID, empty when it tells none
     std::unique_ptr<libmnt_cache, UnrefCache> m_cache{mnt_new_cache()}; // owns the tags that it has read
-    std::map<std::string, Place> m_places;
+    std::map<std::string, Place> m_places;                              // by UUID
     std::vector<Nvol2Volume> m_volumes;
 };
+
+std::vector<libmnt_fs*> mountsOf(libmnt_table* table)
+{
+    std::vector<libmnt_fs*> mounts;
+    const std::unique_ptr<libmnt_iter, FreeIterator> iterator(mnt_new_iter(MNT_ITER_FORWARD));
+    libmnt_fs* mount = nullptr;
+    while (iterator != nullptr && mnt_table_next_fs(table, iterator.get(), &mount) == 0) {
+        const char* target = mnt_fs_get_target(mount);
+        if (mnt_fs_get_id(mount) > 0 && target != nullptr && target[0] == '/') {
+            mounts.push_back(mount);
+        }
+    }
+    return mounts;
+}
 
 } // namespace
 
 std::vector<Nvol2Volume> nvol2MountedVolumes(const char* mountTable, const char* linksByUuid)
 {
     const std::unique_ptr<libmnt_table, UnrefTable> table(mnt_new_table_from_file(mountTable));
-    const std::unique_ptr<libmnt_iter, FreeIterator> iterator(mnt_new_iter(MNT_ITER_FORWARD));
-    if (table == nullptr || iterator == nullptr) {
+    if (table == nullptr) {
         return {};
     }
+    const std::vector<libmnt_fs*> mounts = mountsOf(table.get());
+    const MountTree tree(mounts);
     Mounted mounted(linksByUuid);
-    libmnt_fs* mount = nullptr;
-    while (mnt_table_next_fs(table.get(), iterator.get(), &mount) == 0) {
-        mounted.add(mount);
+    for (libmnt_fs* mount : mounts) {
+        if (tree.canBeReached(mount)) {
+            mounted.add(mount);
+        }
     }
     return mounted.take();
 }
@@ -172,7 +267,9 @@ std::string nvol2UuidKey(const std::string& uuid)
 {
     std::string key = uuid;
     for (char& letter : key) {
-        letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
+        if (letter >= 'A' && letter <= 'Z') { // in any locale
+            letter = static_cast<char>(letter - 'A' + 'a');
+        }
     }
     return key;
 }

@@ -123,8 +123,8 @@ bool store(const std::string& text, char (&field)[size])
 
 unsigned int functionsAt(const std::string& accessPath)
 {
-    struct statvfs facts = {};
-    if (statvfs(accessPath.c_str(), &facts) != 0) {
+    struct statvfs64 facts = {};
+    if (statvfs64(accessPath.c_str(), &facts) != 0) {
         return 0;
     }
     const bool isReadOnly = (facts.f_flag & ST_RDONLY) != 0;
@@ -151,8 +151,8 @@ int checkRegistration(const char* uuid, const char* accessPath)
         std::strlen(accessPath) >= sizeof nvol2Media_struct::accessPath) {
         return -ENAMETOOLONG;
     }
-    struct stat facts = {};
-    if (stat(accessPath, &facts) != 0) {
+    struct stat64 facts = {};
+    if (stat64(accessPath, &facts) != 0) {
         return -errno;
     }
     return S_ISDIR(facts.st_mode) ? 0 : -ENOTDIR;

@@ -1,0 +1,39 @@
+// The process's open descriptors.
+#pragma once
+
+#include <climits>
+#include <dirent.h>
+#include <map>
+#include <memory>
+#include <string>
+#include <unistd.h>
+
+namespace support {
+
+// Number to what /proc says it is: a path, "pipe:[..]" and the like.
+inline std::map<int, std::string> openDescriptors()
+{
+    std::map<int, std::string> all;
+    const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir("/proc/self/fd"), closedir);
+    while (const dirent* entry = readdir(folder.get())) {
+        char target[PATH_MAX] = {};
+        if (entry->d_name[0] != '.' && entry->d_name != std::to_string(dirfd(folder.get())) &&
+            readlinkat(dirfd(folder.get()), entry->d_name, target, sizeof(target) - 1) > 0) {
+            all[std::stoi(entry->d_name)] = target;
+        }
+    }
+    return all;
+}
+
+// The descriptor that has a file open, or -1.
+inline int descriptorOf(const std::string& path)
+{
+    for (const auto& [number, target] : openDescriptors()) {
+        if (target == path) {
+            return number;
+        }
+    }
+    return -1;
+}
+
+} // namespace support
