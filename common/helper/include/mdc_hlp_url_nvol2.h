@@ -22,7 +22,8 @@ class SharedHandle;
 
 /*
  * Splits a URL into the text before "://" (left as it was when there is none; not checked), the text from there to
- * the next "/", and the text behind that slash. True, or false when memory runs out.
+ * the next "/", and the text behind that slash. None of the outputs may be url itself. True, or false when an exception
+ * of the strings came in between (memory runs out).
  */
 MDCH_API bool parseNvol2Url(const std::string& url, std::string& protocol, std::string& volumeId,
                             std::string& path);
