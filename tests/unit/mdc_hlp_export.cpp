@@ -1,7 +1,13 @@
 // What the shared library shows to the world: its interface, and nothing of the engine.
 
+#include <algorithm>
+#include <array>
+#include <cstdio>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <iterator>
+#include <memory>
+#include <set>
 #include <string>
 
 namespace {
@@ -44,6 +50,12 @@ TEST_F(SharedLibrary, showsTheInterface)
     EXPECT_TRUE(shows("_ZTIN2md10HttpAccessE"));
     EXPECT_TRUE(shows("_ZN2md10HttpAccess8shutdownEv"));
     EXPECT_TRUE(shows("_ZTI11MdchUrlFile"));
+    EXPECT_TRUE(shows("_ZTI12MdchUrlNvol2"));
+    EXPECT_TRUE(shows("_ZN12MdchUrlNvol2C1Ev"));
+    const std::string text = std::string("RK") + kText;
+    EXPECT_TRUE(shows(mangled("parseNvol2Url", text + "RS5_S8_S8_")));
+    EXPECT_TRUE(shows(mangled("nvol2UrlToNative", text + "RS5_")));
+    EXPECT_TRUE(shows(mangled("nvol2UrlToMediaIdAndName", text + "RiRS5_")));
     EXPECT_TRUE(shows(mangled("urlEncode", kText)));
     EXPECT_TRUE(shows(mangled("urlDecode", kText)));
     EXPECT_TRUE(shows("_ZN2md8urlPatchB5cxx11EPKc"));
@@ -83,6 +95,47 @@ TEST_F(SharedLibrary, showsThePlatformsSetUp)
     ASSERT_NE(m_library, nullptr);
     EXPECT_TRUE(shows("mdpDebugSetSeverity"));
     EXPECT_TRUE(shows("mdpDebugSetSink"));
+}
+
+// The names that the library defines, as the linker's tool lists them.
+std::set<std::string> definedNames()
+{
+    std::set<std::string> names;
+    const auto close = [](std::FILE* pipe) { pclose(pipe); };
+    const std::unique_ptr<std::FILE, decltype(close)> pipe(
+        popen("nm -D --defined-only -j '" MDC_LIBRARY_FILE "'", "r"), close);
+    std::array<char, 10000> line{};
+    while (pipe != nullptr && std::fgets(line.data(), line.size(), pipe.get()) != nullptr) {
+        const std::string name = line.data();
+        names.insert(name.substr(0, name.find('\n')));
+    }
+    return names;
+}
+
+TEST_F(SharedLibrary, ofThePlatformItShowsTheSetUpAndTheMediaService)
+{
+    const std::set<std::string> expected{
+        "mdpDebugCheck",   "mdpDebugHexDump",   "mdpDebugPrintf",   "mdpDebugSetSeverity",
+        "mdpDebugSetSink", "nvol2MediaGet",     "nvol2MediaIDList", "nvol2MediaIDGetByUUID",
+        "nvol2VolumeAdd",  "nvol2VolumeRemove", "nvol2_clearerr",   "nvol2_fclose",
+        "nvol2_feof",      "nvol2_ferror",      "nvol2_fgetc",      "nvol2_fopen",
+        "nvol2_fread",     "nvol2_fseek",       "nvol2_ftell",      "nvol2_fwrite"};
+    const std::set<std::string> all = definedNames();
+    ASSERT_GT(all.count("mdch_UrlOpen"), 0U) << "no list of names";
+    std::set<std::string> shown;
+    std::copy_if(all.begin(), all.end(), std::inserter(shown, shown.end()), [](const std::string& name) {
+        // Of names in C++ the mangled parts: "9Nvol2Volume", "12nvol2UuidKey", "9MdpThread" ...
+        const bool isPlatforms =
+            name.find("nvol2") != std::string::npos || name.find("Nvol2") != std::string::npos ||
+            name.find("mdp") != std::string::npos || name.find("Mdp") != std::string::npos;
+        const bool isHelpers =
+            name.rfind("_ZN2md", 0) == 0 || name.find("12MdchUrlNvol2") != std::string::npos;
+        return isPlatforms && !isHelpers;
+    });
+    EXPECT_EQ(shown, expected);
+    EXPECT_TRUE(std::none_of(all.begin(), all.end(), [](const std::string& name) {
+        return name.find("SharedHandle") != std::string::npos;
+    })) << "what streams hold is their own";
 }
 
 TEST_F(SharedLibrary, hidesTheEngine)
