@@ -6,7 +6,6 @@
 #include "support/volume.h"
 
 #include <gtest/gtest.h>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -40,18 +39,31 @@ Parts parse(const std::string& url)
     return parts;
 }
 
-// The same by other means, for short texts.
-Parts partsByPattern(const std::string& url)
+// The same by other means, letter by letter.
+Parts partsLetterByLetter(const std::string& url)
 {
-    static const std::regex kPattern(R"(^(?:([\s\S]*?)://)?([^/]*)(?:/([\s\S]*))?$)");
-    std::smatch match;
+    std::string rest;
     Parts parts;
-    EXPECT_TRUE(std::regex_match(url, match, kPattern)) << url;
-    if (match[1].matched) {
-        parts.protocol = match[1];
+    for (const char letter : url) {
+        rest += letter;
+        const bool endsProtocol = rest.size() >= 3 && rest.compare(rest.size() - 3, 3, "://") == 0;
+        if (endsProtocol && parts.protocol == "untouched") {
+            parts.protocol = rest.substr(0, rest.size() - 3);
+            rest.clear();
+        }
     }
-    parts.volumeId = match[2];
-    parts.path = match[3];
+    parts.volumeId.clear();
+    parts.path.clear();
+    bool isInPath = false;
+    for (const char letter : rest) {
+        if (isInPath) {
+            parts.path += letter;
+        } else if (letter == '/') {
+            isInPath = true;
+        } else {
+            parts.volumeId += letter;
+        }
+    }
     return parts;
 }
 
@@ -117,7 +129,7 @@ TEST(ParseVolumeUrl, keepsCaseAndEveryByte)
     EXPECT_EQ(parse(large + "://" + large + "/" + large), (Parts{large, large, large}));
 }
 
-TEST(ParseVolumeUrl, agreesWithAPatternOnHundredsOfLocators)
+TEST(ParseVolumeUrl, splitsThousandsOfOddLocators)
 {
     int count = 0;
     for (const std::string scheme : {"nvl2", "NVL2", "", "http", "n", ":", "/", "a/b", "nvl2:", " "}) {
@@ -127,7 +139,7 @@ TEST(ParseVolumeUrl, agreesWithAPatternOnHundredsOfLocators)
                 for (const std::string rest :
                      {"", "/", "//", "/a", "//a", "/a/b", "/a://b", "/../x", "://", "?a/b"}) {
                     const std::string url = scheme + separator + volume + rest;
-                    EXPECT_EQ(parse(url), partsByPattern(url)) << url;
+                    EXPECT_EQ(parse(url), partsLetterByLetter(url)) << url;
                     ++count;
                 }
             }
@@ -136,7 +148,7 @@ TEST(ParseVolumeUrl, agreesWithAPatternOnHundredsOfLocators)
     EXPECT_EQ(count, 8000);
 }
 
-TEST(ParseVolumeUrl, agreesWithAPatternOnRandomLocators)
+TEST(ParseVolumeUrl, splitsRandomLocators)
 {
     support::Random random;
     for (int round = 0; round < support::randomRounds(20000); ++round) {
@@ -144,7 +156,7 @@ TEST(ParseVolumeUrl, agreesWithAPatternOnRandomLocators)
         for (std::size_t length = random.below(20); length > 0; --length) {
             url += random.oneOf("nvl2::////ab. \xff");
         }
-        ASSERT_EQ(parse(url), partsByPattern(url)) << url << ", seed " << support::randomSeed();
+        ASSERT_EQ(parse(url), partsLetterByLetter(url)) << url << ", seed " << support::randomSeed();
     }
 }
 
