@@ -36,4 +36,19 @@ inline int descriptorOf(const std::string& path)
     return -1;
 }
 
+// What was opened since `before` was taken, when that is one descriptor; -1 otherwise.
+inline int descriptorOpenedSince(const std::map<int, std::string>& before)
+{
+    int found = -1;
+    for (const auto& [number, target] : openDescriptors()) {
+        if (before.count(number) == 0) {
+            if (found >= 0) {
+                return -1;
+            }
+            found = number;
+        }
+    }
+    return found;
+}
+
 } // namespace support

@@ -3,6 +3,7 @@
 #define SUPPORT_FTP_UPLOAD_H
 
 #include "mdc_hlp_upload.h"
+#include "support/descriptors.h"
 #include "support/ftp_server.h"
 #include "support/wait.h"
 
@@ -87,14 +88,6 @@ int cancelAfterEachCall(const Prepare& prepare, int rounds)
         failures += result == 0 || result == -5 ? 0 : 1;
     }
     return failures;
-}
-
-/* Of the process. */
-inline std::size_t openDescriptors()
-{
-    namespace fs = std::filesystem;
-    const auto count = std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-    return static_cast<std::size_t>(count);
 }
 
 } // namespace support

@@ -3,6 +3,7 @@
 
 #include "mdc_hlp_playlist_read.h"
 #include "mdc_hlp_url.h"
+#include "support/descriptors.h"
 #include "support/engine.h"
 #include "support/gate.h"
 #include "support/http_server.h"
@@ -93,13 +94,6 @@ Texts story(const TraceCapture& traces)
         }
     }
     return story;
-}
-
-std::size_t openDescriptors()
-{
-    namespace fs = std::filesystem;
-    return static_cast<std::size_t>(
-        std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
 }
 
 class ScanPlaylist : public testing::Test
@@ -298,11 +292,11 @@ TEST_F(ScanPlaylist, noDescriptorIsLeftOpen)
     const std::string full = m_folder.write("full.m3u", tenByteLines(8000));
     const std::string empty = m_folder.write("empty.m3u", "");
     const std::string binary = m_folder.write("binary.m3u", std::string(100, '\0'));
-    const std::size_t before = openDescriptors();
+    const auto before = support::openDescriptors();
     for (const std::string& file : {full, empty, binary, m_folder.file("none.m3u")}) {
         scan(file);
     }
-    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(support::openDescriptors(), before);
 }
 
 // A server that gives some bytes per time-out would hold the caller for days.

@@ -92,14 +92,14 @@ TEST_F(Source, aFailedReadIsRemembered)
 
 TEST_F(Source, nothingStaysOpenBehindACloseAndANewOpenStartsAfresh)
 {
-    const std::size_t before = support::openDescriptors();
+    const auto before = support::openDescriptors();
     UploadSource source;
     EXPECT_EQ(source.open(m_folder.file("none")), ENOENT);
     ASSERT_EQ(source.open(m_file), 0);
     ASSERT_EQ(source.measure(), 0);
     ASSERT_EQ(source.open(m_file), 0);
     ASSERT_EQ(source.measure(), 0);
-    EXPECT_EQ(support::openDescriptors(), before + 1);
+    EXPECT_EQ(support::openDescriptors().size(), before.size() + 1);
     source.close();
     EXPECT_EQ(support::openDescriptors(), before);
 }
@@ -163,7 +163,7 @@ TEST_F(Source, nothingStaysOpenWhateverTheSource)
         uploadTo(server, source).upload();
     };
     round(m_file); // what libraries open once and keep
-    const std::size_t before = support::openDescriptors();
+    const auto before = support::openDescriptors();
     for (const std::string& source :
          {m_file, m_folder.path(), m_folder.file("none"), std::string("/dev/null")}) {
         round(source);

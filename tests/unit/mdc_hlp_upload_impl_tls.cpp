@@ -151,7 +151,7 @@ TEST_F(Secure, connectionsThatEndLeaveNothingOpen)
         return secureUploadTo(server, m_file).upload();
     };
     EXPECT_EQ(round("none"), 0);
-    const std::size_t before = support::openDescriptors();
+    const auto before = support::openDescriptors();
     for (const char* point : {FtpServer::greeting, "PASS", "STOR", FtpServer::dataHandshake, FtpServer::data,
                               FtpServer::finalReply}) {
         EXPECT_LT(round(point), 0) << point;

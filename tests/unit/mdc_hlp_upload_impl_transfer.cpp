@@ -356,7 +356,7 @@ TEST_F(Transfer, nothingStaysOpenAfterwards)
         uploadTo(server, file).upload();
     };
     round("none"); // what libraries open once and keep
-    const std::size_t before = support::openDescriptors();
+    const auto before = support::openDescriptors();
     for (const char* point :
          {"none", FtpServer::greeting, "PASS", "STOR", FtpServer::data, FtpServer::finalReply}) {
         round(point);

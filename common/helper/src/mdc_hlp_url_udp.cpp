@@ -3,12 +3,10 @@
 #include "mdc_hlp_trace.h"
 #include "mdc_hlp_url_handle.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
 #include <boost/lexical_cast.hpp>
 #include <cerrno>
 #include <cstring>
-#include <limits>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -149,6 +147,9 @@ int MdchUrlUdp::bindAndJoin(const Socket& socket)
                    code, kReceiveBuffer);
         return fail(code);
     }
+    if (isMulticast(m_membership.imr_multiaddr)) {
+        takeOwnInterfaceOnly(socket.number); // before the first datagram can arrive
+    }
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr = m_membership.imr_multiaddr;
@@ -163,7 +164,6 @@ int MdchUrlUdp::bindAndJoin(const Socket& socket)
         return 0;
     }
     MDCH_TRACE(md::kTraceNotice, "%s:%d:%s(): Join multicast group.", file, __LINE__, kOpen);
-    takeOwnInterfaceOnly(socket.number);
     if (setOption(socket.number, IPPROTO_IP, IP_ADD_MEMBERSHIP, m_membership) != 0) {
         const int code = errno;
         MDCH_TRACE(md::kTraceFatal, "%s:%d:%s(): adding to multicast group failed.\n", file, __LINE__, kOpen);
