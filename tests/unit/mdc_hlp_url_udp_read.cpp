@@ -229,7 +229,7 @@ TEST_F(UdpRead, aStreamThatWasNeverOpenedGivesZero)
 
 TEST_F(UdpRead, manyDescriptorsAreOpenAlready)
 {
-    constexpr int kHigh = 2000; // more than select() could wait for
+    constexpr rlim_t kHigh = 2000; // more than select() could wait for
     rlimit limit{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
     limit.rlim_cur = std::max<rlim_t>(limit.rlim_cur, std::min<rlim_t>(limit.rlim_max, 2 * kHigh));
@@ -238,11 +238,11 @@ TEST_F(UdpRead, manyDescriptorsAreOpenAlready)
     do {
         others.emplace_back(fcntl(m_stream.fd(), F_DUPFD_CLOEXEC, 0));
         ASSERT_GE(others.back().get(), 0) << "the limit is " << limit.rlim_cur;
-    } while (others.back().get() < kHigh);
+    } while (others.back().get() < static_cast<int>(kHigh));
 
     support::UdpStream stream;
     ASSERT_EQ(stream.start("udp://127.0.0.1:0"), 0); // another address: two streams may get the same port
-    ASSERT_GT(stream.fd(), kHigh);
+    ASSERT_GT(stream.fd(), static_cast<int>(kHigh));
     support::UdpSender("127.0.0.1", stream.port()).send("hello");
     EXPECT_EQ(readNext(stream), "hello");
 }
