@@ -13,6 +13,7 @@
 #include <system_error>
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -77,9 +78,11 @@ struct Launch
     std::string program;
     char* const* arguments;
     char* const* environment;
+    const char* in;
     const char* out;
     const char* err;
     int errFd;
+    int terminal;
     bool dropPrivileges;
     uid_t user;
     gid_t group;
@@ -101,11 +104,14 @@ bool redirect(const char* path, int fd)
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
-    const int input = open("/dev/null", O_RDONLY);
-    bool ok = setpgid(0, 0) == 0 && dup2(input, STDIN_FILENO) == STDIN_FILENO;
+    const int input = launch.terminal >= 0 ? launch.terminal : open(launch.in, O_RDONLY);
+    bool ok = launch.terminal >= 0 ? setsid() >= 0 && ioctl(launch.terminal, TIOCSCTTY, 0) == 0
+                                   : setpgid(0, 0) == 0;
+    ok = ok && dup2(input, STDIN_FILENO) == STDIN_FILENO;
     ok = ok && redirect(launch.out, STDOUT_FILENO);
-    ok = ok && (launch.errFd >= 0 ? dup2(launch.errFd, STDERR_FILENO) == STDERR_FILENO
-                                  : redirect(launch.err, STDERR_FILENO));
+    const int errors = launch.terminal >= 0 ? launch.terminal : launch.errFd;
+    ok = ok &&
+         (errors >= 0 ? dup2(errors, STDERR_FILENO) == STDERR_FILENO : redirect(launch.err, STDERR_FILENO));
     if (ok && launch.dropPrivileges) {
         ok = setgid(launch.group) == 0 && setuid(launch.user) == 0;
     }
@@ -147,9 +153,11 @@ Process::Process(std::vector<std::string> command, const ProcessOptions& options
     Launch launch{program,
                   arguments.data(),
                   settings.data(),
+                  options.standardInput.c_str(),
                   options.standardOutput.c_str(),
                   options.standardError.c_str(),
                   options.standardErrorFd,
+                  options.terminalFd,
                   options.withoutPrivileges && geteuid() == 0,
                   0,
                   0,
@@ -169,7 +177,9 @@ Process::Process(std::vector<std::string> command, const ProcessOptions& options
     if (m_pid == 0) {
         runChild(launch);
     }
-    setpgid(m_pid, m_pid); // on both sides, for whoever comes first
+    if (options.terminalFd < 0) {
+        setpgid(m_pid, m_pid); // on both sides, for whoever comes first
+    }
 }
 
 Process::~Process()

@@ -17,7 +17,9 @@ struct ProcessOptions
 {
     std::string standardOutput = "/dev/null"; // files; an empty name: the test's own
     std::string standardError = "/dev/null";
-    int standardErrorFd = -1;         // in place of the file, if not negative
+    std::string standardInput = "/dev/null";
+    int standardErrorFd = -1; // in place of the file, if not negative
+    int terminalFd = -1; // if not negative: a terminal that controls it, its input and its standard error
     bool withoutPrivileges = false;   // when the test is root's: as user nobody
     std::vector<std::string> unset;   // environment variables that it does not get
     std::vector<std::string> setting; // ... and gets, "NAME=value"

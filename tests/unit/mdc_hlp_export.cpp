@@ -9,6 +9,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -88,6 +89,24 @@ TEST_F(SharedLibrary, showsPlaylistsAndRedirects)
     EXPECT_TRUE(shows(mangled("parseM3U", text + "RS5_")));
     EXPECT_TRUE(shows(mangled("parseASX", text + "RS5_Rb")));
     EXPECT_TRUE(shows(mangled("parseSIMPLE", text + "RS5_")));
+}
+
+TEST_F(SharedLibrary, showsTheUpload)
+{
+    ASSERT_NE(m_library, nullptr);
+    const std::string text = std::string("RK") + kText;
+    for (const std::string& member :
+         std::vector<std::string>{"C1Ev", "C2Ev", "6uploadEv", "6cancelEv", "11getProgressERdS1_",
+                                  "11getCurlCodeEv", "19setProgressCallbackEPvPFvS1_xxE"}) {
+        EXPECT_TRUE(shows("_ZN2md9FtpAccess" + member)) << member;
+    }
+    for (const std::string& setter :
+         std::vector<std::string>{"12setServerUrl", "13setServerPath", "11setUserName", "15setUserPassword",
+                                  "13setSourceFile", "15setUploadedFile", "11setProtocol"}) {
+        EXPECT_TRUE(shows("_ZN2md9FtpAccess" + setter + "E" + text)) << setter;
+    }
+    EXPECT_FALSE(shows("_ZN2md9FtpAccess4Impl6uploadEv"));
+    EXPECT_FALSE(shows("_ZN2md9FtpAccess4Impl16convertErrorCodeE8CURLcode"));
 }
 
 TEST_F(SharedLibrary, showsThePlatformsSetUp)

@@ -25,5 +25,6 @@ Command addDecode(CLI::App& line);
 Command addRepair(CLI::App& line);
 Command addVolumes(CLI::App& line);
 Command addNative(CLI::App& line);
+Command addUpload(CLI::App& line);
 
 } // namespace mdch

@@ -20,6 +20,7 @@ constexpr const char* kExamples = R"(Examples:
   mdch info http://radio.example/live --icy
   mdch cat https://media.example/film.ts --ca-path /etc/ssl/media -o film.ts
   mdch cat udp://239.1.2.3:5000 --length 10000000 -o sample.ts
+  mdch upload film.ts ftps://me@archive.example/films/film.ts
   mdch COMMAND --help     the options of a command, and an example
 )";
 
@@ -72,7 +73,7 @@ private:
 std::vector<Command> addCommands(CLI::App& line)
 {
     return {addInfo(line),   addCat(line),    addResolve(line), addPlaylist(line), addEncode(line),
-            addDecode(line), addRepair(line), addVolumes(line), addNative(line)};
+            addDecode(line), addRepair(line), addVolumes(line), addNative(line),   addUpload(line)};
 }
 
 std::string namesOf(const std::vector<Command>& commands)
@@ -121,7 +122,9 @@ int wrongUsage(int argc, char** argv, const std::vector<Command>& commands, cons
 
 int runCommandLine(int argc, char** argv)
 {
-    CLI::App line("mdch - read media from files, web servers, radio, multicast and media volumes", "mdch");
+    CLI::App line(
+        "mdch - read media from files, web servers, radio, multicast and media volumes, and upload files",
+        "mdch");
     line.formatter(std::make_shared<Layout>());
     line.set_help_flag("-h,--help", "this text");
     line.set_version_flag("--version", "mdch " MDCH_VERSION, "the version");

@@ -42,11 +42,43 @@ constexpr std::array<Wording, 11> kHttpWordings = {{
     {MDCH_HTTP_EUNKNOWN, "the transfer failed", "Try again with -vv to see why", kExitOther},
 }};
 
+// An upload's codes of libcurl.
+constexpr std::array<Wording, 15> kUploadCodes = {{
+    {3, "the URL is not valid", "Write blanks and control characters as %20 and the like", kExitUsage},
+    {6, "the host name is not known", "Check it, and the network", kExitNetwork},
+    {7, "nobody answers there", "Check the host name, the port and the network", kExitNetwork},
+    {8, "the server does not answer as an FTP server does", "Check the host name and the port", kExitOther},
+    {9, "the server refused the folder", "Check the path and the user's permissions there", kExitNotFound},
+    {18, "not all of the file was sent or taken", "Check that the file does not change, and try again",
+     kExitBrokenOff},
+    {25, "the server refused the file", "Check the path and the user's permissions there", kExitNotFound},
+    {28, "no answer in time", "Check that the port is the right one, and try again", kExitNetwork},
+    {35, "no TLS connection could be made", "Check that this port speaks ftps", kExitTls},
+    {55, "the connection broke", "Try again", kExitNetwork},
+    {56, "the connection broke", "Try again", kExitNetwork},
+    {60, "the server's certificate was not accepted",
+     "Check the host name, and that the system trusts the server's authority", kExitCertificate},
+    {64, "the server does not encrypt the file", "Ask its administrator", kExitTls},
+    {67, "the server refused the log-in", "Check the user name and the password", kExitNotFound},
+    {70, "the server has no room left", "Make room there, or ask its administrator", kExitServer},
+}};
+
+// ... and its results, for all other codes. The last one stands for all that are missing.
+constexpr std::array<Wording, 5> kUploadResults = {{
+    {-1, "the file, or the user's name or password, cannot be used", "Try again with -vv to see why",
+     kExitFile},
+    {-2, "the network or the server cannot be reached, or the connection broke",
+     "Check the host name, the port and the network", kExitNetwork},
+    {-3, "not all of the file was sent or taken", "Try again", kExitBrokenOff},
+    {-4, "the server refused the file", "Try again with -vv to see why", kExitNotFound},
+    {-6, "the upload failed", "Try again with -vv to see why", kExitOther},
+}};
+
 // For the help text and for nothing else: the statuses are given by the tables and functions here.
 constexpr std::array<std::pair<int, const char*>, 11> kStatusWordings = {{
     {kExitOk, "all went well"},
     {kExitUsage, "wrong usage"},
-    {kExitNotFound, "the server does not have it or refuses it (4xx)"},
+    {kExitNotFound, "the server does not have it, or refuses it or the log-in (4xx)"},
     {kExitServer, "the server failed (5xx)"},
     {kExitCertificate, "the server's certificate was not accepted"},
     {kExitTls, "no TLS connection"},
@@ -57,11 +89,25 @@ constexpr std::array<std::pair<int, const char*>, 11> kStatusWordings = {{
     {kExitInterrupted, "interrupted (Ctrl-C)"},
 }};
 
-const Wording& wordingOf(int code)
+// Null when the table has none.
+template <std::size_t size>
+const Wording* findWording(const std::array<Wording, size>& table, int code)
 {
-    const auto* const found = std::find_if(kHttpWordings.begin(), kHttpWordings.end(),
-                                           [code](const Wording& wording) { return wording.code == code; });
-    return found != kHttpWordings.end() ? *found : kHttpWordings.back();
+    const auto found = std::find_if(table.begin(), table.end(),
+                                    [code](const Wording& wording) { return wording.code == code; });
+    return found != table.end() ? &*found : nullptr;
+}
+
+template <std::size_t size>
+const Wording& wordingOf(const std::array<Wording, size>& table, int code)
+{
+    const Wording* found = findWording(table, code);
+    return found != nullptr ? *found : table.back();
+}
+
+Failure failureFrom(std::string what, const Wording& wording)
+{
+    return {std::move(what), wording.reason, wording.next, wording.status};
 }
 
 const char* adviceFor(int code)
@@ -89,17 +135,18 @@ const char* adviceFor(int code)
 
 Failure httpFailure(std::string what, int code, int httpStatus)
 {
-    const Wording& wording = wordingOf(std::abs(code));
-    Failure failure;
-    failure.what = std::move(what);
-    failure.reason = wording.reason;
+    Failure failure = failureFrom(std::move(what), wordingOf(kHttpWordings, std::abs(code)));
     const std::size_t place = failure.reason.find('%');
     if (place != std::string::npos) {
         failure.reason.replace(place, 1, httpStatus > 0 ? std::to_string(httpStatus) : "an error");
     }
-    failure.next = wording.next;
-    failure.status = wording.status;
     return failure;
+}
+
+Failure uploadFailure(std::string what, int result, int code)
+{
+    const Wording* found = findWording(kUploadCodes, code);
+    return failureFrom(std::move(what), found != nullptr ? *found : wordingOf(kUploadResults, result));
 }
 
 Failure localFailure(std::string what, int code)

@@ -38,6 +38,9 @@ Failure httpFailure(std::string what, int code, int httpStatus);
 // A failure of a local file. code: an errno value.
 Failure localFailure(std::string what, int code);
 
+// A failed upload. result and code: of md::FtpAccess::upload and getCurlCode.
+Failure uploadFailure(std::string what, int result, int code);
+
 // A path that looks like an address of a kind that is not served, and so was taken for a file.
 Failure unservedFailure(std::string what, int code);
 

@@ -16,7 +16,6 @@ namespace mdch {
 
 namespace {
 
-constexpr int kGraceMilliseconds = 1000;
 constexpr int kSignalStatus = 128;
 
 // Waits for one of two descriptors: true when the first became readable before the second and the time-out.
@@ -57,10 +56,11 @@ Interrupt::~Interrupt()
     close(m_signalFd);
 }
 
-void Interrupt::setAction(std::function<void()> action)
+void Interrupt::setAction(std::function<void()> action, int graceMilliseconds)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_action = std::move(action);
+    m_graceMilliseconds = graceMilliseconds;
     if (requested() && m_action) {
         m_action();
     }
@@ -88,15 +88,17 @@ void Interrupt::run()
     if (read(m_signalFd, &came, sizeof came) != static_cast<ssize_t>(sizeof came)) {
         return;
     }
+    int grace = 0;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
+        grace = m_graceMilliseconds;
         m_signal = static_cast<int>(came.ssi_signo);
         if (m_action) {
             m_action();
         }
     }
     pollfd entry = {m_endFd, POLLIN, 0};
-    if (poll(&entry, 1, kGraceMilliseconds) == 0) {
+    if (poll(&entry, 1, grace) == 0) {
         _exit(report());
     }
 }

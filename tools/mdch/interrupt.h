@@ -20,8 +20,10 @@ public:
     Interrupt(const Interrupt&) = delete;
     Interrupt& operator=(const Interrupt&) = delete;
 
-    // Called on the thread when a signal comes, or at once when one has come. Empty: nothing.
-    void setAction(std::function<void()> action);
+    // Called on the thread when a signal comes, or at once when one has come. Empty: nothing. The program has the
+    // grace to end by itself after that.
+    static constexpr int kGraceMilliseconds = 1000;
+    void setAction(std::function<void()> action, int graceMilliseconds = kGraceMilliseconds);
 
     bool requested() const { return m_signal.load() != 0; }
 
@@ -39,7 +41,8 @@ private:
 
     std::atomic<int> m_signal{0};
     std::atomic<std::int64_t> m_bytes{0};
-    std::mutex m_mutex; // guards the action, also while it runs
+    std::mutex m_mutex; // guards the action, also while it runs, and its grace
+    int m_graceMilliseconds = kGraceMilliseconds;
     std::function<void()> m_action;
     int m_signalFd = -1;
     int m_endFd = -1;

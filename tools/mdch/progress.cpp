@@ -1,5 +1,6 @@
 #include "progress.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
@@ -23,6 +24,22 @@ std::string amount(double bytes)
     }
     std::ostringstream text;
     text << std::fixed << std::setprecision(unit == 0 ? 0 : 1) << bytes << ' ' << kUnits[unit];
+    return text.str();
+}
+
+// "[=====     ]  50%  "; nothing when the total is not known.
+std::string bar(std::int64_t count, std::int64_t total)
+{
+    constexpr std::size_t kWidth = 20;
+    constexpr double kPercent = 100;
+    if (total <= 0) {
+        return {};
+    }
+    const double part = std::min(1.0, static_cast<double>(count) / static_cast<double>(total));
+    const auto filled = static_cast<std::size_t>(part * static_cast<double>(kWidth));
+    std::ostringstream text;
+    text << '[' << std::string(filled, '=') << std::string(kWidth - filled, ' ') << "] " << std::setw(3)
+         << static_cast<int>(part * kPercent) << "%  ";
     return text.str();
 }
 
@@ -65,7 +82,7 @@ void Progress::update(std::int64_t count)
     m_lastTime = now;
     m_lastCount = count;
 
-    std::string line = amount(static_cast<double>(count));
+    std::string line = bar(count, m_total) + amount(static_cast<double>(count));
     if (m_total >= 0) {
         line += " of " + amount(static_cast<double>(m_total));
     }

@@ -1,4 +1,4 @@
-// The progress line on a terminal: bytes of bytes, rate, time left.
+// The progress line on a terminal: a bar, bytes of bytes, rate, time left.
 #pragma once
 
 #include <chrono>

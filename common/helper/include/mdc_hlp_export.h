@@ -4,4 +4,7 @@
 /* Marks what the shared library exports; everything else is built with hidden visibility. */
 #define MDCH_API __attribute__((visibility("default")))
 
+/* Keeps what is nested in an exported class inside. */
+#define MDCH_LOCAL __attribute__((visibility("hidden")))
+
 #endif

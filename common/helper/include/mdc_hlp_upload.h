@@ -31,7 +31,7 @@ class MDCH_API FtpAccess
 {
 public:
     /* The state; declared in the library's sources. */
-    class Impl;
+    class MDCH_LOCAL Impl;
 
     FtpAccess();
 
