@@ -1,6 +1,7 @@
 // The examples of tests/support/README.md, so that they stay true. `fetch` stands for the client under test.
 #include "support/body_source.h"
 #include "support/certificates.h"
+#include "support/ftp_server.h"
 #include "support/http_proxy.h"
 #include "support/http_server.h"
 #include "support/sockets.h"
@@ -137,6 +138,19 @@ TEST(ServerExamples, Proxy)
     EXPECT_EQ(fetch(proxy.port(), url).substr(0, 12), "HTTP/1.1 407");
     EXPECT_EQ(proxy.requests().at(0).target, url);
     EXPECT_EQ(proxy.tunnelCount(), 0U);
+}
+
+TEST(ServerExamples, AnFtpServer)
+{
+    FtpServer server; // FtpServer{Tls()}: implicit TLS
+    server.account("user", "secret");
+    server.answer(FtpServer::finalReply, "552 full"); // or stall, wait, close, reset; at any command, too
+    RawClient client(server.port());
+    client.readUntil("\r\n");
+    client.send("USER user\r\nPASS secret\r\nQUIT\r\n");
+    client.readAll();
+    EXPECT_TRUE(server.hasCommand("PASS secret"));
+    EXPECT_TRUE(server.uploads().empty()); // path, bytes, digest of each
 }
 
 TEST(ServerExamples, NobodyThere)
