@@ -1,10 +1,31 @@
 /*
  * Streams for C callers: plain functions on integer handles. C11 and C++.
  *
- * A handle is valid from mdch_UrlOpen or mdch_UrlOpenExt until mdch_UrlClose; numbers count from 1 and are
- * never reused. Any thread may call any function. Two threads may use one handle at a time; a close that
- * races with a read is safe, the read ends on the still living stream. What an invalid handle gives stands
- * at each function and differs on purpose.
+ * The conventions; a function that differs says so at its declaration.
+ *
+ *  1. Results. An open gives a handle, 1 or more, or 0; the reason of a failure is in mdch_UrlExtended_struct.error.
+ *     Counts and positions are 0 or more. Actions give 0 when they worked. Failures are negative: -1, or a negated
+ *     errno value; no function throws for a failure of the medium.
+ *  2. A read of fewer bytes than asked for is the end, an error, or nothing more in time: mdch_UrlEof and
+ *     mdch_UrlError tell which; an end with an error is a transfer that broke off. The error is an errno value or an
+ *     mdch_HttpError. It stays until mdch_UrlClearerr, and on an HTTP stream until bytes come again.
+ *  3. Handles. Numbers count from 1 and are never reused; one is valid from the open call to mdch_UrlClose. What an
+ *     invalid one gives stands at each function and differs on purpose: "end", "error" and "refused" are 1, bytes
+ *     are 0, positions and lengths are -1.
+ *  4. Ownership. The library owns streams and what it returns; the caller owns what it passes. Texts and records
+ *     are read, and records written, during the call only; buffers likewise. Each handle is closed by its
+ *     opener, once.
+ *  5. Threads. Any thread may call any function, but mdch_UrlInit, which comes once and first. Different handles
+ *     never wait for each other. One HTTP handle may be used by several threads at a time; any other handle by one,
+ *     but for mdch_UrlClose: a close from another thread is always safe. It ends the waits of an HTTP handle at
+ *     once; what runs elsewhere goes on to its own end on the still living stream, and may give a negative count
+ *     when it came behind the close. After fork only the parent uses streams.
+ *  6. Waiting. Only network streams wait, and never without limit: the header time-out for a response
+ *     that does not come, the data time-out in a read, 10 s in a seek, half a second for a datagram.
+ *  7. errno. EBADF for an invalid handle, where that stands at the function. Files and media volumes leave what the
+ *     C library set; HTTP streams do not report through it. It is never set to 0: read it after a failure only.
+ *  8. Null. A url that is null cannot be opened. A null record stands for its defaults, a null text in a record
+ *     for "not set". A null buffer goes with a size of 0 only. No function returns a null text.
  */
 #ifndef MDC_HLP_URL_H
 #define MDC_HLP_URL_H
