@@ -8,7 +8,7 @@
     packages_demo="nginx-light icecast2 ffmpeg openssl"
     packages_test="$packages_build $packages_demo libgtest-dev libgmock-dev minidlna curl
         vsftpd proftpd-core e2fsprogs iproute2"
-    packages_lint="clang-format-14 clang-tidy-14"
+    packages_lint="clang-format-14 clang-tidy-14 doxygen"
     packages_fuzz="$packages_build clang-14 libclang-rt-14-dev"
 
     # These exclude each other, and any other FTP server that the machine may have. The tests start them by

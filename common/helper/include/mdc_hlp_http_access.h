@@ -27,6 +27,7 @@ namespace md {
 class HttpAccessImpl;
 struct MdchCurlDescriptor_struct;
 
+/* One stream over HTTP or HTTPS, and what only such streams have. */
 class MDCH_API HttpAccess : public MdchUrlBase
 {
 public:

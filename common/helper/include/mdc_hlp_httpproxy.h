@@ -18,10 +18,10 @@ namespace md {
 /* What callers exchange. */
 struct httpProxyInfo_struct
 {
-    std::int32_t port = 0;
-    std::string host; // name or address, without scheme
-    std::string user;
-    std::string password;
+    std::int32_t port = 0; // TCP, 1 to 65535
+    std::string host;      // name or address, without scheme
+    std::string user;      // empty: the proxy wants no log-in
+    std::string password;  // not used without a user
 };
 
 /* The stored setting, which knows which of its fields have been supplied. A plain record without a lock. */
@@ -40,6 +40,7 @@ public:
         kFieldAll = 0x3f
     };
 
+    /* Disabled, with nothing supplied. A value: copied as a whole. */
     HttpProxyInfo() = default;
     HttpProxyInfo(const HttpProxyInfo&) = default;
     HttpProxyInfo& operator=(const HttpProxyInfo&) = default;
@@ -53,13 +54,13 @@ public:
     /* Marks the fields of mask as supplied, or as not supplied. */
     void setFieldAvailable(unsigned int mask, bool available);
 
-    std::int32_t enabled = 0;
-    std::int32_t port = 80;
-    std::string host;
-    std::int32_t authenticate = 0;
-    std::string user;
-    std::string password;
-    std::uint32_t availableFields = 0;
+    std::int32_t enabled = 0;          // whether the proxy is used
+    std::int32_t port = 80;            // TCP
+    std::string host;                  // name or address, without scheme
+    std::int32_t authenticate = 0;     // whether user and password are sent
+    std::string user;                  // counts when authenticate is set
+    std::string password;              // likewise
+    std::uint32_t availableFields = 0; // Field bits: what has been supplied
 };
 
 /*

@@ -14,6 +14,7 @@
 
 #include <boost/shared_ptr.hpp>
 
+/* The stream that all back-ends are. */
 class MDCH_API MdchUrlBase
 {
 public:

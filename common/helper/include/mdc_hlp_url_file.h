@@ -18,6 +18,7 @@ template <class Handle>
 class SharedHandle;
 }
 
+/* A local file. */
 class MDCH_API MdchUrlFile : public MdchUrlBase
 {
 public:

@@ -25,6 +25,7 @@ template <class Handle>
 class SharedHandle;
 }
 
+/* A socket that takes datagrams, perhaps in a multicast group. */
 class MDCH_API MdchUrlUdp : public MdchUrlBase
 {
 public:

@@ -1,4 +1,6 @@
-/* Character sets: conversion of text that came from the network and may be anything. */
+/*
+ * Character sets: conversion of text that came from the network and may be anything.
+ */
 #ifndef MDP_CHARSET_H
 #define MDP_CHARSET_H
 

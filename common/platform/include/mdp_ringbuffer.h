@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <sys/types.h>
 
+/* The buffer; one user at a time. */
 class MdpRingBuffer
 {
 public:

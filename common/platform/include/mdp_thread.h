@@ -16,7 +16,7 @@
 /* Place of a lock in the order in which locks are taken: lower first. Order 0 is not tracked. */
 struct MdpLockLevel
 {
-    int order = 0;
+    int order = 0;         // the place
     const char* name = ""; // static text, printed when the order is broken
 };
 
@@ -24,11 +24,13 @@ struct MdpLockLevel
 class MdpMutex
 {
 public:
+    /* Not locked. */
     explicit MdpMutex(MdpLockLevel level = {});
     ~MdpMutex();
     MdpMutex(const MdpMutex&) = delete;
     MdpMutex& operator=(const MdpMutex&) = delete;
 
+    /* The POSIX mutex within, and the level given to the constructor; both live as long as the object. */
     pthread_mutex_t& native() { return m_mutex; }
     const MdpLockLevel& level() const { return m_level; }
 
@@ -44,12 +46,14 @@ private:
 class MdpLock
 {
 public:
+    /* Locks the mutex, which outlives the guard. level: that of a mutex without one of its own. */
     explicit MdpLock(MdpMutex& mutex);
     MdpLock(pthread_mutex_t& mutex, MdpLockLevel level);
     ~MdpLock();
     MdpLock(const MdpLock&) = delete;
     MdpLock& operator=(const MdpLock&) = delete;
 
+    /* Lock again after an unlock, unlock before the destructor does; and whether it is locked now. */
     void lock();
     void unlock();
     bool ownsLock() const { return m_owns; }
@@ -75,11 +79,13 @@ private:
 class MdpFairMutex
 {
 public:
+    /* Not locked. */
     explicit MdpFairMutex(MdpLockLevel level = {});
     ~MdpFairMutex();
     MdpFairMutex(const MdpFairMutex&) = delete;
     MdpFairMutex& operator=(const MdpFairMutex&) = delete;
 
+    /* lock waits for its turn, without limit; unlock serves the next in the queue. */
     void lock();
     void unlock();
 
@@ -95,6 +101,7 @@ private:
 class MdpFairLock
 {
 public:
+    /* Locks the mutex, which outlives the guard. */
     explicit MdpFairLock(MdpFairMutex& mutex) : m_fairMutex(mutex) { lock(); }
     ~MdpFairLock()
     {
@@ -105,11 +112,13 @@ public:
     MdpFairLock(const MdpFairLock&) = delete;
     MdpFairLock& operator=(const MdpFairLock&) = delete;
 
+    /* Locks again after an unlock. */
     void lock()
     {
         m_fairMutex.lock();
         m_owns = true;
     }
+    /* Unlocks before the destructor does. */
     void unlock()
     {
         m_owns = false;
@@ -128,6 +137,7 @@ private:
 class MdpThread
 {
 public:
+    /* What a thread runs; its result is not kept. */
     using Entry = void* (*)(void*);
 
     MdpThread() = default;
@@ -148,8 +158,10 @@ public:
      */
     bool joinUntil(const timespec* deadline);
 
+    /* joinUntil without limit. */
     void join() { joinUntil(nullptr); }
 
+    /* Whether a thread was started and not joined, and whether it is the caller. */
     bool isRunning() const { return m_running; }
     bool isCurrent() const { return m_running && pthread_equal(m_thread, pthread_self()) != 0; }
 
