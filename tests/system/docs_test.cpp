@@ -3,7 +3,7 @@
 //
 // The addresses of the pages are those of servers here: media.example (http, https), members.example (https, wants a
 // client certificate), proxy.example:3128 (wants a log-in) and nobody.example:3128.
-#include "support_readme.h"
+#include "support_docs.h"
 
 #include "support/certificates.h"
 #include "support/http_proxy.h"
@@ -20,10 +20,13 @@ namespace {
 namespace fs = std::filesystem;
 
 using support::certificates;
+using support::Fence;
+using support::fencesOf;
 using support::HttpProxy;
 using support::HttpServer;
 using support::kSource;
 using support::Media;
+using support::replaced;
 using support::Reply;
 using support::Result;
 using support::runToEnd;
@@ -31,30 +34,6 @@ using support::Tls;
 
 // Pages without examples, and pages that tests of their own cover.
 const std::set<std::string> kOtherPages{"architecture.md", "command-line.md", "porting.md", "reference.md"};
-
-struct Fence
-{
-    std::string language;
-    std::string content;
-};
-
-std::vector<Fence> fencesOf(const std::string& page)
-{
-    std::vector<Fence> found;
-    std::istringstream text(support::readFile(kSource + "/" + page));
-    bool inside = false;
-    for (std::string line; std::getline(text, line);) {
-        if (line.rfind("```", 0) == 0) {
-            inside = !inside;
-            if (inside) {
-                found.push_back({line.substr(3), ""});
-            }
-        } else if (inside) {
-            found.back().content += line + "\n";
-        }
-    }
-    return found;
-}
 
 std::vector<std::string> pages()
 {
@@ -67,14 +46,6 @@ std::vector<std::string> pages()
     }
     std::sort(names.begin(), names.end());
     return names;
-}
-
-std::string replaced(std::string text, const std::string& what, const std::string& with)
-{
-    for (std::size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += with.size()) {
-        text.replace(at, what.size(), with);
-    }
-    return text;
 }
 
 // A metadata block of a radio station: its length, in units of 16 bytes, and the padded text.
@@ -176,25 +147,9 @@ protected:
     // Runs the command lines of a session, and compares what each prints.
     void expectSession(const std::string& session) const
     {
-        std::istringstream lines(session);
-        std::string printed;
-        std::string command;
-        const auto check = [&] {
-            if (!command.empty()) {
-                EXPECT_EQ(shell(command).out, printed) << command;
-            }
-        };
-        for (std::string line; std::getline(lines, line);) {
-            if (line.rfind("$ ", 0) == 0) {
-                check();
-                command = line.substr(2);
-                printed.clear();
-            } else {
-                printed += line + "\n";
-            }
+        for (const support::SessionStep& step : support::sessionOf(session)) {
+            EXPECT_EQ(shell(step.command).out, step.printed) << step.command;
         }
-        ASSERT_NE(command, "") << "a session without a command line";
-        check();
     }
 
     HttpServer m_server;

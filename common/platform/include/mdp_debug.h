@@ -29,8 +29,8 @@ typedef void (*mdpDebugSink)(void* context, unsigned int level, const char* text
 MDP_API void mdpDebugSetSeverity(unsigned int severity);
 
 /*
- * Sets where trace lines go; null restores standard error. When the call returns, the former sink is not
- * running on another thread and is never called again, so its context may be freed.
+ * Sets where trace lines go; null restores the platform's own place, standard error on Linux. When the call returns,
+ * the former sink is not running on another thread and is never called again, so its context may be freed.
  */
 MDP_API void mdpDebugSetSink(mdpDebugSink sink, void* context);
 

@@ -1,5 +1,7 @@
 #include "mdp_debug.h"
 
+#include "mdp_debug_output.h"
+
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -15,17 +17,12 @@ namespace {
 constexpr unsigned int kSeverityMask = 0xffff;
 constexpr unsigned int kStartSeverity = 1000;
 
-void writeToStandardError(void* /*context*/, unsigned int /*level*/, const char* text)
-{
-    std::fputs(text, stderr);
-}
-
 // Recursive, because a sink may trace. Held during the sink's call, so that mdpDebugSetSink returns only
 // when the former sink has finished.
 struct Output
 {
     std::recursive_mutex mutex;
-    mdpDebugSink sink = writeToStandardError;
+    mdpDebugSink sink = mdpDebugOutput;
     void* context = nullptr;
 };
 
@@ -75,7 +72,7 @@ void mdpDebugSetSink(mdpDebugSink sink, void* context)
 {
     Output& out = output();
     const std::lock_guard<std::recursive_mutex> lock(out.mutex);
-    out.sink = sink != nullptr ? sink : writeToStandardError;
+    out.sink = sink != nullptr ? sink : mdpDebugOutput;
     out.context = sink != nullptr ? context : nullptr;
 }
 
