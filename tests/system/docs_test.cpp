@@ -2,7 +2,8 @@
 // stand in the "text" fence behind it; what it prints must be what the page shows. Commands in "sh" fences are run.
 //
 // The addresses of the pages are those of servers here: media.example (http, https), members.example (https, wants a
-// client certificate), proxy.example:3128 (wants a log-in) and nobody.example:3128.
+// client certificate), old.example (https, TLS 1.2 with an EC key), proxy.example:3128 (wants a log-in) and
+// nobody.example:3128.
 #include "support_docs.h"
 
 #include "support/certificates.h"
@@ -65,6 +66,7 @@ protected:
         serveStations();
         m_secure.on("/song.mp3", Reply::resource(song));
         m_members.on("/song.mp3", Reply::resource(song));
+        m_old.on("/song.mp3", Reply::resource(song));
         m_proxy.requireBasic("player", "secret");
         m_folder.write("media/song.mp3", song);
         m_folder.write("trusted/root.pem", support::toPem(certificates().ca.certificate));
@@ -109,6 +111,7 @@ protected:
         return {{"http://media.example", "http://" + local(m_server.port())},
                 {"https://media.example", "https://" + local(m_secure.port())},
                 {"https://members.example", "https://" + local(m_members.port())},
+                {"https://old.example", "https://" + local(m_old.port())},
                 {"proxy.example:3128", local(m_proxy.port())},
                 {"nobody.example:3128", local(m_nobody.port())}};
     }
@@ -155,6 +158,7 @@ protected:
     HttpServer m_server;
     HttpServer m_secure{Tls()};
     HttpServer m_members{Tls().requireClientSignedBy(certificates().ca.certificate)};
+    HttpServer m_old{Tls().versions(0, TLS1_2_VERSION)}; // whose key is none of the list's
     HttpProxy m_proxy;
     support::LoopbackPort m_nobody = support::closedPort();
     support::TempDir m_folder{"docs"};

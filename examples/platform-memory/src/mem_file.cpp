@@ -32,7 +32,7 @@ std::unique_ptr<nvol2File> fileForMode(const char* mode)
         return nullptr;
     }
     const std::string rest(mode + 1);
-    if (rest != "" && rest != "b" && rest != "+" && rest != "b+" && rest != "+b") {
+    if (!rest.empty() && rest != "b" && rest != "+" && rest != "b+" && rest != "+b") {
         return nullptr;
     }
     const bool isUpdate = rest.find('+') != std::string::npos;
