@@ -11,7 +11,7 @@
  *     mdch_HttpError. It stays until mdch_UrlClearerr, and on an HTTP stream until bytes come again.
  *  3. Handles. Numbers count from 1 and are never reused; one is valid from the open call to mdch_UrlClose. What an
  *     invalid one gives stands at each function and differs on purpose: "end", "error" and "refused" are 1, bytes
- *     are 0, positions and lengths are -1.
+ *     and abilities are 0, all else is -1.
  *  4. Ownership. The library owns streams and what it returns; the caller owns what it passes. Texts and records
  *     are read, and records written, during the call only; buffers likewise. Each handle is closed by its
  *     opener, once.
