@@ -20,8 +20,8 @@
  *     but for mdch_UrlClose: a close from another thread is always safe. It ends the waits of an HTTP handle at
  *     once; what runs elsewhere goes on to its own end on the still living stream, and may give a negative count
  *     when it came behind the close. After fork only the parent uses streams.
- *  6. Waiting. Only network streams wait, and never without limit: the header time-out for a response
- *     that does not come, the data time-out in a read, 10 s in a seek, half a second for a datagram.
+ *  6. Waiting. Files wait as the system lets them. Network streams never wait without limit: the header time-out for
+ *     a response that does not come, the data time-out in a read, 10 s in a seek, half a second for a datagram.
  *  7. errno. EBADF for an invalid handle, where that stands at the function. Files and media volumes leave what the
  *     C library set; HTTP streams do not report through it. It is never set to 0: read it after a failure only.
  *  8. Null. A url that is null cannot be opened. A null record stands for its defaults, a null text in a record
