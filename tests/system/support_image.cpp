@@ -68,9 +68,9 @@ void withLoopDevice(const std::string& file, bool isReadOnly, Function use)
         loop_info64 info{};
         info.lo_flags = LO_FLAGS_AUTOCLEAR;
         if (ioctl(device.get(), LOOP_SET_STATUS64, &info) != 0) {
-            const auto error = failure(name);
+            const int code = errno;
             ioctl(device.get(), LOOP_CLR_FD);
-            throw error;
+            throw std::system_error(code, std::generic_category(), name);
         }
         use(name);
         return;

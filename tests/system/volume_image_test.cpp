@@ -74,7 +74,7 @@ protected:
         if (handle == 0) {
             return "error " + std::to_string(ext.error);
         }
-        const std::string content = readAll(handle);
+        std::string content = readAll(handle);
         EXPECT_EQ(mdch_UrlClose(handle), 0);
         return content;
     }

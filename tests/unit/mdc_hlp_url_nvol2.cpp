@@ -262,7 +262,8 @@ TEST_F(VolumeStream, hundredsOfLocatorsGiveWhatTheServiceGives)
                  {"",        "/",         "//",    "/f",     "//f",      "/f/", "/dir", "/dir/f",
                   "/dir//f", "/dir/../f", "/../f", "/out/f", "/missing", "?f",  "/f?",  "/%66",
                   "\\f",     "/dir\\f",   "/f ",   "/ f",    "/\xff",    "/f#1"}) {
-                const std::string url = start + uuid + path;
+                std::string url = start;
+                url.append(uuid).append(path);
                 std::string protocol;
                 std::string volumeId;
                 std::string name;

@@ -60,6 +60,8 @@ std::string nameOf(const nvol2File* file)
 
 } // namespace
 
+// The linker wants these names.
+// NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 
 int __wrap_nvol2MediaIDGetByUUID(const char* uuid)
@@ -131,6 +133,7 @@ void __wrap_nvol2_clearerr(nvol2File* file)
 }
 
 } // extern "C"
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 

@@ -76,6 +76,7 @@ TEST_F(VolumeStreamThreads, ofManyClosesOneFindsTheFile)
         ASSERT_EQ(stream.open(volume.url("f").c_str(), 0), 0);
         std::atomic<int> succeeded{0};
         std::vector<std::thread> threads;
+        threads.reserve(4);
         for (int index = 0; index < 4; ++index) {
             threads.emplace_back([&] { succeeded += stream.close() == 0 ? 1 : 0; });
         }
@@ -118,6 +119,7 @@ TEST_F(VolumeStreamThreads, manyStreamsReadAtOnceWhileTheVolumeComesAndGoes)
 {
     std::atomic<int> running{4};
     std::vector<std::thread> readers;
+    readers.reserve(4);
     for (int index = 0; index < 4; ++index) {
         readers.emplace_back([&] {
             for (int opened = 0; opened < 20;) {

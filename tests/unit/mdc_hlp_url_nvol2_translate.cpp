@@ -138,7 +138,8 @@ TEST(ParseVolumeUrl, splitsThousandsOfOddLocators)
             for (const std::string volume : {"1234-ABCD", "", ":", "a:b", "..", "%2F", "a b", "\xff"}) {
                 for (const std::string rest :
                      {"", "/", "//", "/a", "//a", "/a/b", "/a://b", "/../x", "://", "?a/b"}) {
-                    const std::string url = scheme + separator + volume + rest;
+                    std::string url = scheme;
+                    url.append(separator).append(volume).append(rest);
                     EXPECT_EQ(parse(url), partsLetterByLetter(url)) << url;
                     ++count;
                 }
@@ -289,9 +290,9 @@ TEST_F(TranslateVolumeUrl, isRefusedForAnyOtherProtocol)
           "x"}) {
         expectForeign(url);
     }
-    expectForeign(std::string("nvl2\0://1234-ABCD/x", 20));
-    expectForeign(std::string("nvl2\0x://1234-ABCD/x", 21));
-    expectForeign(std::string("\0nvl2://1234-ABCD/x", 20));
+    expectForeign(std::string("nvl2\0://1234-ABCD/x", 19));
+    expectForeign(std::string("nvl2\0x://1234-ABCD/x", 20));
+    expectForeign(std::string("\0nvl2://1234-ABCD/x", 19));
 }
 
 TEST_F(TranslateVolumeUrl, isRefusedForAnUnknownVolume)

@@ -25,6 +25,7 @@ constexpr int kThreads = 6;
 void onThreads(const std::function<void(int)>& function)
 {
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int index = 0; index < kThreads; ++index) {
         threads.emplace_back(function, index);
     }

@@ -1,13 +1,13 @@
 /*
  * The media file-system service: volumes named by UUID, and file operations on a media ID and a path.
  *
- * Two kinds of volumes are served: file systems on block devices that are mounted, found by their UUID each
- * time a volume is asked for, and directories that were registered with nvol2VolumeAdd, which win when both
- * carry one UUID. UUIDs compare without regard to case. A media ID belongs to its UUID until the process ends,
- * also while the volume is away, and is never given to another.
+ * Two kinds of volumes are served: file systems on block devices that are mounted where a path reaches them, found
+ * by their UUID each time a volume is asked for, and directories that were registered with nvol2VolumeAdd, which win
+ * when both carry one UUID. UUIDs compare without regard to case (of ASCII letters). A media ID belongs to its
+ * UUID until the process ends, also while the volume is away, and is never given to another.
  *
  * A path never leaves its volume: ".." steps that would, and symbolic links that lead outside or name an
- * absolute path, fail with EACCES. Only regular files are opened.
+ * absolute path, fail with EACCES. Only regular files are opened; anything else is not even touched.
  *
  * Any thread may call any function; one file is used by one caller at a time. No exception leaves it. The one
  * lock, over the table of known volumes, stands in nvol2_volumes.cpp and is held during no file operation.
