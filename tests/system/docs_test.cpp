@@ -256,8 +256,10 @@ TEST(DocsLinksTest, EveryLinkLeadsToAFileAndAHeading)
 TEST(DocsLinksTest, TheReadmeLeadsToEveryPage)
 {
     const std::string readme = support::readFile(kSource + "/README.md");
-    EXPECT_GE(pages().size(), 10U);
-    for (const std::string& page : pages()) {
+    std::vector<std::string> listed = pages();
+    EXPECT_GE(listed.size(), 10U);
+    listed.emplace_back(kPorting);
+    for (const std::string& page : listed) {
         EXPECT_NE(readme.find("(docs/" + page + ")"), std::string::npos) << page;
     }
 }

@@ -35,7 +35,7 @@ struct IcyTitle
 {
     long long position = 0; // of the first byte to which it applies, in bytes of audio
     std::string title;      // UTF-8, one line; empty: the server announces none
-    std::string url;
+    std::string url;        // as sent along with it; may be empty
 };
 
 /*
