@@ -10,6 +10,8 @@
         vsftpd proftpd-core e2fsprogs iproute2"
     packages_lint="clang-format-14 clang-tidy-14 doxygen"
     packages_fuzz="$packages_build clang-14 libclang-rt-14-dev"
+    packages_deb="dpkg-dev debhelper fakeroot"
+    packages_test="$packages_test abigail-tools $packages_deb"
 
     # These exclude each other, and any other FTP server that the machine may have. The tests start them by
     # hand, so they are not installed but unpacked, here:

@@ -23,8 +23,8 @@ protected:
     FreshCheckoutTest()
     {
         namespace fs = std::filesystem;
-        for (const char* name :
-             {"CMakeLists.txt", "CMakePresets.json", "run", "test", "cmake", "common", "scripts", "tools"}) {
+        for (const char* name : {"CMakeLists.txt", "CMakePresets.json", "run", "test", "cmake", "common",
+                                 "packaging", "scripts", "tools"}) {
             fs::copy(kSource + "/" + name, m_folder.makeDir("project") + "/" + name,
                      fs::copy_options::recursive);
         }

@@ -126,7 +126,7 @@ std::set<std::string> definedNames()
     std::array<char, 10000> line{};
     while (pipe != nullptr && std::fgets(line.data(), line.size(), pipe.get()) != nullptr) {
         const std::string name = line.data();
-        names.insert(name.substr(0, name.find('\n')));
+        names.insert(name.substr(0, name.find_first_of("@\n"))); // without the version
     }
     return names;
 }
