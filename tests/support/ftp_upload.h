@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <future>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -88,6 +89,32 @@ int cancelAfterEachCall(const Prepare& prepare, int rounds)
         failures += result == 0 || result == -5 ? 0 : 1;
     }
     return failures;
+}
+
+/*
+ * Stops an upload in its first progress call, the next one in its second, and so on, up to the one that has no more
+ * calls and succeeds. The number of stopped ones; none when one ended otherwise, or did not end.
+ */
+template <typename Prepare>
+std::optional<int> stopInEachCall(const Prepare& prepare)
+{
+    for (int stopped = 0;; ++stopped) {
+        int left = stopped;
+        md::FtpAccess access = prepare();
+        access.setProgressCallback(&left, [](void* user, long long /*total*/, long long /*now*/) {
+            if ((*static_cast<int*>(user))-- == 0) {
+                throw std::runtime_error("no more");
+            }
+        });
+        RunningUpload upload(access);
+        const std::optional<int> result = upload.result();
+        if (result == 0) {
+            return stopped;
+        }
+        if (result != -5) {
+            return std::nullopt;
+        }
+    }
 }
 
 } // namespace support

@@ -16,6 +16,7 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <stdexcept>
 #include <string>
 #include <sys/socket.h>
 #include <thread>
@@ -315,6 +316,16 @@ TEST_F(Cancel, otherThreadsSeeTheProgressGrow)
     EXPECT_EQ(access.getProgress(total, actual), 2);
     EXPECT_EQ(actual, total);
     EXPECT_EQ(server.uploads().at(0).sha256, support::sha256Of(m_content));
+}
+
+// In the last of them libcurl leaves the data connection open, whose end the server waits for.
+TEST_F(Cancel, inAnyProgressCall)
+{
+    const std::string small = m_folder.write("b.bin", "hello");
+    const FtpServer server;
+    constexpr int kAtLeast = 10;
+    EXPECT_GT(support::stopInEachCall([&] { return uploadTo(server, small); }).value_or(0), kAtLeast);
+    EXPECT_TRUE(server.waitForOpenConnections(0));
 }
 
 TEST_F(Cancel, atAnyStepOfTheWay)

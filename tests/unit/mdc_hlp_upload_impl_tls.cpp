@@ -196,6 +196,15 @@ TEST_F(Secure, aCancelWhileTheServerOwesItsHandshake)
     EXPECT_EQ(upload.result(), -5);
 }
 
+TEST_F(Secure, aStopInAnyProgressCall)
+{
+    const FtpServer server{Tls()};
+    const std::string file = m_folder.write("b.bin", "hello");
+    constexpr int kAtLeast = 10;
+    EXPECT_GT(support::stopInEachCall([&] { return secureUploadTo(server, file); }).value_or(0), kAtLeast);
+    EXPECT_TRUE(server.waitForOpenConnections(0));
+}
+
 TEST_F(Secure, aCancelAtAnyStepOfTheWay)
 {
     constexpr int kRounds = 40;
