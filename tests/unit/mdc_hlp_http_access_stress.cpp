@@ -2,72 +2,14 @@
 
 #include "support/engine.h"
 #include "support/http_server.h"
+#include "support/slow_names.h"
 
 #include <atomic>
-#include <dlfcn.h>
 #include <filesystem>
 #include <future>
 #include <gtest/gtest.h>
-#include <netdb.h>
 #include <random>
 #include <thread>
-
-namespace {
-
-// Holds the look-ups of one name back, as a dead name server does.
-class SlowNames
-{
-public:
-    static SlowNames& instance()
-    {
-        static auto* names = new SlowNames;
-        return *names;
-    }
-
-    void hold()
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_held = true;
-    }
-    void release()
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_held = false;
-        m_changed.notify_all();
-    }
-    void lookUp()
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        ++m_lookUps;
-        m_changed.notify_all();
-        m_changed.wait(lock, [this] { return !m_held; });
-    }
-    bool waitForLookUp()
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, support::defaultDeadline, [this] { return m_lookUps > 0; });
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    bool m_held = false;
-    int m_lookUps = 0;
-};
-
-} // namespace
-
-// In place of the C library's, which it calls.
-extern "C" int getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** result)
-{
-    if (name != nullptr && std::string(name) == "slow.test") {
-        SlowNames::instance().lookUp();
-        return EAI_NONAME;
-    }
-    using Function = int(const char*, const char*, const addrinfo*, addrinfo**);
-    static auto* real = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, "getaddrinfo"));
-    return real(name, service, hints, result);
-}
 
 namespace {
 
@@ -233,8 +175,8 @@ TEST_F(Stress, keepsTheConnectionOfFinishedStreamsForTheNext)
 class SlowName : public Stress
 {
 protected:
-    SlowName() { SlowNames::instance().hold(); }
-    ~SlowName() override { SlowNames::instance().release(); }
+    SlowName() { support::SlowNames::instance().hold(true); }
+    ~SlowName() override { support::SlowNames::instance().hold(false); }
 };
 
 TEST_F(SlowName, stallsNoOtherStreamAndNoCloseAndNoShutdown)
@@ -242,7 +184,7 @@ TEST_F(SlowName, stallsNoOtherStreamAndNoCloseAndNoShutdown)
     m_server.on("/media", Reply::resource(kMedia, kMegabyte));
     HttpAccess slow;
     slow.open("http://slow.test/", 0);
-    ASSERT_TRUE(SlowNames::instance().waitForLookUp());
+    ASSERT_TRUE(support::SlowNames::instance().waitForLookUps(true));
 
     HttpAccess other;
     other.open(m_server.url("/media").c_str(), 0);

@@ -3,6 +3,7 @@
 
 #include "support/ftp_upload.h"
 #include "support/media.h"
+#include "support/slow_names.h"
 #include "support/sockets.h"
 #include "support/temp_dir.h"
 #include "support/trace_capture.h"
@@ -10,10 +11,8 @@
 #include <array>
 #include <atomic>
 #include <condition_variable>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <mutex>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <stdexcept>
@@ -21,60 +20,6 @@
 #include <sys/socket.h>
 #include <thread>
 #include <vector>
-
-namespace {
-
-// Look-ups of "slow.test" last until they are released.
-class SlowNames
-{
-public:
-    static SlowNames& instance()
-    {
-        static auto* names = new SlowNames; // the resolver's thread may outlive the test
-        return *names;
-    }
-    void hold(bool on)
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_held = on;
-        m_changed.notify_all();
-    }
-    void lookUp()
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        ++m_lookUps;
-        m_changed.notify_all();
-        m_changed.wait(lock, [this] { return !m_held; });
-        --m_lookUps;
-        m_changed.notify_all();
-    }
-    bool waitForLookUps(bool any)
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, support::defaultDeadline,
-                                  [this, any] { return (m_lookUps > 0) == any; });
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    bool m_held = false;
-    int m_lookUps = 0;
-};
-
-} // namespace
-
-// In place of the C library's, which it calls.
-extern "C" int getaddrinfo(const char* name, const char* service, const addrinfo* hints, addrinfo** result)
-{
-    if (name != nullptr && std::string(name) == "slow.test") {
-        SlowNames::instance().lookUp();
-        return EAI_NONAME;
-    }
-    using Function = int(const char*, const char*, const addrinfo*, addrinfo**);
-    static auto* real = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, "getaddrinfo"));
-    return real(name, service, hints, result);
-}
 
 namespace {
 
@@ -163,7 +108,7 @@ INSTANTIATE_TEST_SUITE_P(Stalls, CancelAt,
 
 TEST_F(Cancel, aNameThatIsNotResolved)
 {
-    SlowNames::instance().hold(true);
+    support::SlowNames::instance().hold(true);
     {
         Watch watch;
         md::FtpAccess access;
@@ -172,12 +117,12 @@ TEST_F(Cancel, aNameThatIsNotResolved)
         access.setUploadedFile("a.bin");
         access.setProgressCallback(&watch, &Watch::count);
         RunningUpload upload(access);
-        EXPECT_TRUE(SlowNames::instance().waitForLookUps(true));
+        EXPECT_TRUE(support::SlowNames::instance().waitForLookUps(true));
         EXPECT_TRUE(watch.goesOn());
         expectCancelled(upload, m_trace);
     }
-    SlowNames::instance().hold(false);
-    EXPECT_TRUE(SlowNames::instance().waitForLookUps(false));
+    support::SlowNames::instance().hold(false);
+    EXPECT_TRUE(support::SlowNames::instance().waitForLookUps(false));
 }
 
 TEST_F(Cancel, aConnectionThatIsNotAccepted)
