@@ -3,10 +3,8 @@
 #include "mdc_hlp_trace.h"
 #include "mdc_hlp_url_handle.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <limits>
 #include <strings.h>
 #include <sys/stat.h>
 
@@ -17,12 +15,6 @@ constexpr const char* kScheme = "file://";
 void traceEntry(const char* operation)
 {
     MDCH_TRACE(md::kTraceCall, "MdchUrlFile::%s() in\n", operation);
-}
-
-// Results are ints: no more than an int can tell is moved at once.
-size_t atMostInt(unsigned int size)
-{
-    return std::min(size, static_cast<unsigned int>(std::numeric_limits<int>::max()));
 }
 
 const char* libraryMode(int mode)
@@ -90,7 +82,7 @@ int MdchUrlFile::read(unsigned char* buffer, unsigned int size)
         errno = EBADF;
         return 0;
     }
-    return static_cast<int>(fread(buffer, 1, atMostInt(size), stream.get()));
+    return static_cast<int>(fread(buffer, 1, md::atMostInt(size), stream.get()));
 }
 
 int MdchUrlFile::write(unsigned char* buffer, unsigned int size)
@@ -101,7 +93,7 @@ int MdchUrlFile::write(unsigned char* buffer, unsigned int size)
         errno = EBADF;
         return 0;
     }
-    return static_cast<int>(fwrite(buffer, 1, atMostInt(size), stream.get()));
+    return static_cast<int>(fwrite(buffer, 1, md::atMostInt(size), stream.get()));
 }
 
 long long MdchUrlFile::tell()

@@ -7,9 +7,18 @@
 
 #include "mdp_thread.h"
 
+#include <algorithm>
+#include <cstddef>
+#include <limits>
 #include <memory>
 
 namespace md {
+
+/* Results of reading and writing are ints: no more than an int can tell is moved at once. */
+inline std::size_t atMostInt(unsigned int size)
+{
+    return std::min(size, static_cast<unsigned int>(std::numeric_limits<int>::max()));
+}
 
 template <class Handle>
 class SharedHandle

@@ -3,18 +3,10 @@
 #include "mdc_hlp_trace.h"
 #include "mdc_hlp_url_handle.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <limits>
 
 namespace {
-
-// Results are ints: no more than an int can tell is moved at once.
-size_t atMostInt(unsigned int size)
-{
-    return std::min(size, static_cast<unsigned int>(std::numeric_limits<int>::max()));
-}
 
 // What the service makes of anything else than these two is its own decision.
 const char* serviceMode(int mode)
@@ -71,12 +63,12 @@ int MdchUrlNvol2::close()
 
 int MdchUrlNvol2::read(unsigned char* buffer, unsigned int size)
 {
-    return static_cast<int>(nvol2_fread(buffer, 1, atMostInt(size), m_file->use().get()));
+    return static_cast<int>(nvol2_fread(buffer, 1, md::atMostInt(size), m_file->use().get()));
 }
 
 int MdchUrlNvol2::write(unsigned char* buffer, unsigned int size)
 {
-    return static_cast<int>(nvol2_fwrite(buffer, 1, atMostInt(size), m_file->use().get()));
+    return static_cast<int>(nvol2_fwrite(buffer, 1, md::atMostInt(size), m_file->use().get()));
 }
 
 long long MdchUrlNvol2::tell()
