@@ -7,7 +7,7 @@
         libboost-thread-dev libboost-system-dev libmount-dev libcli11-dev nlohmann-json3-dev"
     packages_demo="nginx-light icecast2 ffmpeg openssl"
     packages_test="$packages_build $packages_demo libgtest-dev libgmock-dev minidlna curl
-        vsftpd proftpd-core e2fsprogs iproute2"
+        vsftpd proftpd-core e2fsprogs iproute2 zsh groff-base"
     packages_lint="clang-format-14 clang-tidy-14 doxygen"
     packages_fuzz="$packages_build clang-14 libclang-rt-14-dev"
     packages_deb="dpkg-dev debhelper fakeroot"

@@ -11,9 +11,6 @@
 #include <sstream>
 #include <string>
 
-#include <pty.h>
-#include <unistd.h>
-
 namespace {
 
 using support::HttpServer;
@@ -55,10 +52,10 @@ TEST_F(MdchTest, EveryCommandTellsItsOptionsAndAnExample)
         EXPECT_EQ(result.status, 0);
         EXPECT_EQ(result.err, "");
         EXPECT_EQ(mdch({command, "-h"}).out, result.out);
-        for (const std::string& part :
-             std::vector<std::string>{"Usage: mdch " + command, "-v ", "Example:\n  mdch " + command}) {
+        for (const std::string& part : std::vector<std::string>{"Usage: mdch " + command, "-v "}) {
             EXPECT_THAT(result.out, HasSubstr(part)) << command;
         }
+        EXPECT_THAT(result.out, testing::ContainsRegex("Examples?:\n  mdch " + command)) << command;
     }
     for (const char* part : {"--output", "--user-agent", "--header", "--cookie", "--ca-path", "--client-cert",
                              "--key-password-file", "--proxy", "--dlna-mode", "--buffer-size", "--timeout",
@@ -238,30 +235,6 @@ TEST_F(MdchTest, TracesGoToStandardErrorAsFarAsAskedFor)
     EXPECT_THAT(notices.err, HasSubstr("try to open url " + m_server.url("/song")));
     EXPECT_THAT(notices.err, Not(HasSubstr("=> HTTP")));
     EXPECT_EQ(mdch({"cat", m_server.url("/song"), "-v"}).err, "");
-}
-
-TEST_F(MdchTest, ATerminalSeesTheProgress)
-{
-    constexpr std::size_t kSize = 600000;
-    m_server.on("/song", Reply::resource(Media(5), kSize).throttle(600000));
-    int terminal = -1;
-    int slave = -1;
-    ASSERT_EQ(openpty(&terminal, &slave, nullptr, nullptr, nullptr), 0);
-    const support::UniqueFd terminalOwner(terminal);
-    support::ProcessOptions options;
-    options.standardErrorFd = slave;
-    const Result result = mdch({"cat", m_server.url("/song")}, options);
-    ::close(slave);
-    std::string seen(65536, '\0');
-    const ssize_t count = ::read(terminal, seen.data(), seen.size());
-    ASSERT_GT(count, 0);
-    seen.resize(static_cast<std::size_t>(count));
-
-    EXPECT_EQ(result.status, 0);
-    EXPECT_TRUE(result.out == Media(5).bytes(0, kSize));
-    EXPECT_THAT(seen, testing::ContainsRegex("[0-9.]+ kB of 600.0 kB  [0-9.]+ kB/s  0:0[0-9] left"));
-    const std::string clearLine = "\r\x1b[K";
-    EXPECT_EQ(seen.substr(seen.size() - clearLine.size()), clearLine); // nothing is left on the screen
 }
 
 } // namespace

@@ -10,6 +10,7 @@
 #include <poll.h>
 #include <pty.h>
 #include <string>
+#include <sys/ioctl.h>
 #include <system_error>
 #include <termios.h>
 #include <unistd.h>
@@ -34,6 +35,22 @@ public:
 
     /* The program's side, for ProcessOptions. */
     int fd() const { return m_program.get(); }
+
+    /* The same as a file. */
+    std::string path() const
+    {
+        std::array<char, 64> name{};
+        return ttyname_r(fd(), name.data(), name.size()) == 0 ? name.data() : "";
+    }
+
+    /* How wide it is. */
+    void setColumns(unsigned short columns) const
+    {
+        winsize size{};
+        size.ws_col = columns;
+        size.ws_row = 24;
+        ioctl(fd(), TIOCSWINSZ, &size);
+    }
 
     void type(const std::string& keys) const
     {

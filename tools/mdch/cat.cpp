@@ -2,12 +2,14 @@
 #include "command.h"
 #include "failure.h"
 #include "interrupt.h"
+#include "live_line.h"
 #include "open.h"
 #include "output.h"
-#include "progress.h"
+#include "resume.h"
 #include "start.h"
 
 #include "mdc_hlp_http_access.h"
+#include "mdc_hlp_icy.h"
 
 #include <algorithm>
 #include <array>
@@ -15,6 +17,7 @@
 #include <chrono>
 #include <cmath>
 #include <memory>
+#include <optional>
 #include <unistd.h>
 #include <vector>
 
@@ -32,16 +35,45 @@ struct Copying
     const Source& source;
     Output& output;
     Interrupt& interrupt;
+    LiveLine& line;
+    md::IcyReader* radio; // what the stream is read through, to take titles out of it; null: nothing
     std::string url;
-    std::int64_t total; // that are to come; negative: unknown
+    std::int64_t total; // all that there will be; negative: unknown
     std::int64_t limit; // most that are wanted; negative: all
-    std::int64_t count = 0;
+    std::int64_t count; // there already
 
     // Bytes to ask for at once: not more than are wanted.
     unsigned int nextPiece(std::size_t piece) const
     {
         const auto most = static_cast<std::int64_t>(piece);
         return static_cast<unsigned int>(limit >= 0 ? std::min(most, limit - count) : most);
+    }
+
+    int read(unsigned char* buffer, unsigned int size)
+    {
+        if (radio == nullptr) {
+            return source.stream->read(buffer, size);
+        }
+        const int got = radio->read(buffer, size);
+        line.setTitle(radio->title());
+        return got;
+    }
+
+    bool write(const unsigned char* buffer, std::size_t size, Failure& failure)
+    {
+        if (!output.write(buffer, size, failure)) {
+            return false;
+        }
+        count += static_cast<std::int64_t>(size);
+        interrupt.setBytes(count);
+        line.setCount(count);
+        return true;
+    }
+
+    // A reader of titles may return early, with the stream as it was.
+    bool goesOn() const
+    {
+        return radio != nullptr && source.stream->error() == 0 && source.stream->eof() == 0;
     }
 };
 
@@ -67,7 +99,7 @@ bool isWhole(const Copying& copying, int savedErrno, Failure& failure)
 }
 
 // Copies to the end. True, or false with the failure.
-bool copyAll(Copying& copying, Progress& progress, Failure& failure)
+bool copyAll(Copying& copying, Failure& failure)
 {
     std::array<unsigned char, kPiece> buffer{};
     const std::size_t piece = copying.total >= 0 ? kPiece : kLivePiece;
@@ -77,17 +109,12 @@ bool copyAll(Copying& copying, Progress& progress, Failure& failure)
             return true;
         }
         errno = 0;
-        const int got = copying.source.stream->read(buffer.data(), wanted);
+        const int got = copying.read(buffer.data(), wanted);
         const int savedErrno = errno;
-        if (got > 0) {
-            if (!copying.output.write(buffer.data(), static_cast<std::size_t>(got), failure)) {
-                return false;
-            }
-            copying.count += got;
-            copying.interrupt.setBytes(copying.count);
-            progress.update(copying.count);
+        if (got > 0 && !copying.write(buffer.data(), static_cast<std::size_t>(got), failure)) {
+            return false;
         }
-        if (got < static_cast<int>(wanted)) {
+        if (got < static_cast<int>(wanted) && !copying.goesOn()) {
             return isWhole(copying, savedErrno, failure);
         }
     }
@@ -95,7 +122,7 @@ bool copyAll(Copying& copying, Progress& progress, Failure& failure)
 }
 
 // Copies datagrams until enough has come, nothing comes any more, or the user has enough.
-bool copyDatagrams(Copying& copying, int timeout, Progress& progress, Failure& failure)
+bool copyDatagrams(Copying& copying, int timeout, Failure& failure)
 {
     using Clock = std::chrono::steady_clock;
     constexpr std::size_t kLargestDatagram = 65536;
@@ -109,12 +136,9 @@ bool copyDatagrams(Copying& copying, int timeout, Progress& progress, Failure& f
         if (got > 0) {
             // A datagram is read whole: the rest of one that is cut would be lost without a word.
             const unsigned int wanted = copying.nextPiece(static_cast<std::size_t>(got));
-            if (!copying.output.write(buffer.data(), wanted, failure)) {
+            if (!copying.write(buffer.data(), wanted, failure)) {
                 return false;
             }
-            copying.count += wanted;
-            copying.interrupt.setBytes(copying.count);
-            progress.update(copying.count);
             last = now;
         } else if (now - last >= patience) {
             failure = silenceFailure("cannot read " + copying.url + " after " + bytesOf(copying.count, -1),
@@ -125,31 +149,67 @@ bool copyDatagrams(Copying& copying, int timeout, Progress& progress, Failure& f
     return true;
 }
 
-int runCat(const CatOptions& options, Interrupt& interrupt)
+// The bytes that the file has already, and where to start with the stream.
+bool moveIntoPlace(const CatOptions& options, const Source& source, bool takesTitles, std::int64_t& have,
+                   Failure& failure)
+{
+    if (options.resume) {
+        return moveBehindFile(options, source, have, failure);
+    }
+    if (takesTitles && (options.offset != 0 || options.timeMs >= 0)) {
+        failure = {"cannot start " + options.url + " elsewhere than at its beginning",
+                   "the place of the titles within it would be lost", "Take them along with --raw",
+                   kExitUsage};
+        return false;
+    }
+    return moveToStart(options, source, failure);
+}
+
+// The user sees a line of progress when nothing else goes to the terminal, and nothing is redirected.
+bool showsLine(const CatOptions& options)
+{
+    return !options.output.empty() && isatty(STDOUT_FILENO) != 0 && isatty(STDERR_FILENO) != 0;
+}
+
+int runCat(CatOptions& options, Interrupt& interrupt)
 {
     Source source;
     Failure failure;
-    if (!openSource(options, source, failure)) {
-        return interrupt.requested() ? interrupt.report() : report(failure);
-    }
-    if (!moveToStart(options, source, failure)) {
-        return interrupt.requested() ? interrupt.report() : report(failure);
-    }
-    // Opened after the source, so that a wrong address leaves an existing file alone.
-    Output output(options.output);
-    if (!output.open(localPath(options.url), failure)) {
-        return report(failure);
+    std::int64_t have = 0;
+    const auto refuse = [&] { return interrupt.requested() ? interrupt.report() : report(failure); };
+    if (!openSource(options, interrupt, source, failure)) {
+        return refuse();
     }
     if (source.http != nullptr) {
         interrupt.setAction([stream = source.stream] { stream->close(); }); // releases a waiting read
     }
-    const std::int64_t expected = expectedBytes(options, source);
-    Progress progress(expected, isatty(STDERR_FILENO) != 0 && !output.isTerminal());
-    Copying copying{source, output, interrupt, options.url, expected, options.length};
-    const bool whole = source.isDatagrams() ? copyDatagrams(copying, options.timeout, progress, failure)
-                                            : copyAll(copying, progress, failure);
+    const bool takesTitles = source.icyInterval > 0 && !options.raw;
+    if (!moveIntoPlace(options, source, takesTitles, have, failure)) {
+        interrupt.setAction(nullptr);
+        return refuse();
+    }
+    // Opened after the source, so that a wrong address leaves an existing file alone.
+    Output output(options.output, options.resume);
+    if (!output.open(localPath(options.url), failure)) {
+        return report(failure);
+    }
+    // With titles in between nobody knows how much of it is audio.
+    std::int64_t total = takesTitles ? options.length : expectedBytes(options, source);
+    if (options.resume && have > 0) {
+        total = source.stream->size();
+    }
+    const std::int64_t limit = have > 0 ? total : options.length;
+    std::optional<md::IcyReader> radio;
+    if (takesTitles) {
+        radio.emplace(source.stream, source.icyInterval);
+    }
+    LiveLine line(source, total, have, showsLine(options));
+    Copying copying{source,      output, interrupt, line, radio ? &*radio : nullptr,
+                    options.url, total,  limit,     have};
+    const bool whole = source.isDatagrams() ? copyDatagrams(copying, dataSeconds(options), failure)
+                                            : copyAll(copying, failure);
     interrupt.setAction(nullptr);
-    progress.clear();
+    line.end();
     if (interrupt.requested()) {
         return interrupt.report();
     }
@@ -161,10 +221,13 @@ int runCat(const CatOptions& options, Interrupt& interrupt)
 
 void addCatOptions(CLI::App& cat, CatOptions& options)
 {
-    cat.add_option("-o,--output", options.output, "write to FILE")->option_text("FILE");
+    CLI::Option* output = cat.add_option("-o,--output", options.output, "write to FILE")->option_text("FILE");
+    CLI::Option* resume =
+        cat.add_flag("--resume", options.resume, "go on where FILE ends, if it is the same")->needs(output);
     CLI::Option* offset =
         cat.add_option("--offset", options.offset, "start there; -N starts N bytes before the end")
-            ->option_text("BYTES");
+            ->option_text("BYTES")
+            ->excludes(resume);
     constexpr double kLatestSecond = 4294967; // in milliseconds still 32 bits
     cat.add_option_function<double>(
            "--time",
@@ -175,10 +238,14 @@ void addCatOptions(CLI::App& cat, CatOptions& options)
            "start at that play time (DLNA servers)")
         ->option_text("SECONDS")
         ->check(CLI::Range(0.0, kLatestSecond))
-        ->excludes(offset);
+        ->excludes(offset)
+        ->excludes(resume);
     cat.add_option("--length", options.length, "stop after so many bytes")
         ->option_text("BYTES")
-        ->check(CLI::NonNegativeNumber);
+        ->check(CLI::NonNegativeNumber)
+        ->excludes(resume);
+    cat.add_flag("--raw", options.raw, "with --icy: leave the titles in the bytes, as the server sends them")
+        ->needs(cat.get_option("--icy"));
 }
 
 } // namespace
@@ -189,7 +256,10 @@ Command addCat(CLI::App& line)
     CLI::App* cat = line.add_subcommand("cat", "copy the bytes to standard output or to a file");
     addStreamOptions(*cat, *options);
     addCatOptions(*cat, *options);
-    cat->footer("Example:\n  mdch cat http://media.example/film.ts --offset -65536 -o end.ts\n");
+    cat->footer("Examples:\n"
+                "  mdch cat http://media.example/film.ts -o film.ts --resume\n"
+                "  mdch cat http://media.example/film.ts --offset -65536 -o end.ts\n"
+                "  mdch cat http://radio.example/live --icy -o live.mp3\n");
     return {cat, [options](Interrupt& interrupt) { return runCat(*options, interrupt); }};
 }
 

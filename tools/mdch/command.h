@@ -26,5 +26,6 @@ Command addRepair(CLI::App& line);
 Command addVolumes(CLI::App& line);
 Command addNative(CLI::App& line);
 Command addUpload(CLI::App& line);
+Command addWatch(CLI::App& line);
 
 } // namespace mdch

@@ -3,9 +3,11 @@
 #include "command.h"
 #include "failure.h"
 #include "interrupt.h"
+#include "pages.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cerrno>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -20,6 +22,7 @@ constexpr const char* kExamples = R"(Examples:
   mdch info http://radio.example/live --icy
   mdch cat https://media.example/film.ts --ca-path /etc/ssl/media -o film.ts
   mdch cat udp://239.1.2.3:5000 --length 10000000 -o sample.ts
+  mdch watch http://radio.example/live --svg live.svg
   mdch upload film.ts ftps://me@archive.example/films/film.ts
   mdch COMMAND --help     the options of a command, and an example
 )";
@@ -72,8 +75,9 @@ private:
 
 std::vector<Command> addCommands(CLI::App& line)
 {
-    return {addInfo(line),   addCat(line),    addResolve(line), addPlaylist(line), addEncode(line),
-            addDecode(line), addRepair(line), addVolumes(line), addNative(line),   addUpload(line)};
+    return {addInfo(line),    addCat(line),      addWatch(line),  addUpload(line),
+            addResolve(line), addPlaylist(line), addEncode(line), addDecode(line),
+            addRepair(line),  addVolumes(line),  addNative(line)};
 }
 
 std::string namesOf(const std::vector<Command>& commands)
@@ -133,6 +137,12 @@ int runCommandLine(int argc, char** argv)
     const std::vector<Command> commands = addCommands(line);
     for (const Command& command : commands) {
         command.app->group("Commands");
+    }
+    // Not among the options in the help: for whoever packages the tool.
+    const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
+    if (const auto page = requestedPage(words, pagesFrom(line, commands))) {
+        std::cout << *page << std::flush;
+        return std::cout ? kExitOk : report(localFailure("cannot write to standard output", errno));
     }
     try {
         line.parse(argc, argv);

@@ -52,11 +52,11 @@ private:
     std::ostringstream m_text;
 };
 
-int runInfo(const StreamOptions& options, Interrupt& interrupt)
+int runInfo(StreamOptions& options, Interrupt& interrupt)
 {
     Source source;
     Failure failure;
-    if (!openSource(options, source, failure)) {
+    if (!openSource(options, interrupt, source, failure)) {
         return interrupt.requested() ? interrupt.report() : report(failure);
     }
     const std::deque<std::string> lines = headerLines(source);

@@ -1,5 +1,8 @@
 #include "open.h"
 
+#include "interrupt.h"
+#include "prompt.h"
+
 #include "mdc_hlp_http_access.h"
 #include "mdc_hlp_url_nvol2.h"
 #include "mdc_hlp_url_udp.h"
@@ -23,17 +26,23 @@ const char* orNull(const std::string& text)
     return text.empty() ? nullptr : text.c_str();
 }
 
-mdch_UrlExtended_struct extendedFrom(const StreamOptions& options, const std::string& keyPassword)
+mdch_UrlExtended_struct extendedFrom(const StreamOptions& options)
 {
     mdch_UrlExtended_struct ext{};
     ext.userAgent = orNull(options.userAgent);
     ext.cookie = orNull(options.cookie);
     ext.caCertPath = orNull(options.caPath);
     ext.clientCert = orNull(options.clientCert);
-    ext.certPasswd = orNull(keyPassword);
+    ext.certPasswd = orNull(options.keyPassword);
     ext.bufferSize = options.bufferSize;
     if (options.icy) {
         ext.flags |= MDCH_URL_ICY_METADATA;
+    }
+    if (options.forceRange) {
+        ext.flags |= MDCH_URL_FORCE_RANGE;
+    }
+    if (options.pauseBuffering) {
+        ext.flags |= MDCH_URL_PAUSE_BUFFERING;
     }
     if (options.native) {
         ext.flags |= MDCH_URL_NATIVE_PATH;
@@ -42,11 +51,11 @@ mdch_UrlExtended_struct extendedFrom(const StreamOptions& options, const std::st
     return ext;
 }
 
-// The opening call has no place for header lines and time-outs: with these, the stream is set up here.
-int openByHand(const StreamOptions& options, const mdch_UrlExtended_struct& ext, md::HttpAccess& http)
+// The opening call has no place for header lines, time-outs and redirects: with these, the stream is set up here.
+int openByHand(const StreamOptions& options, md::HttpAccess& http)
 {
-    if (ext.userAgent != nullptr) {
-        http.setUserAgent(ext.userAgent);
+    if (!options.userAgent.empty()) {
+        http.setUserAgent(options.userAgent);
     }
     if (options.icy) {
         http.setHeaderLine("icy-metadata:1");
@@ -57,17 +66,29 @@ int openByHand(const StreamOptions& options, const mdch_UrlExtended_struct& ext,
     http.setCookie(options.cookie);
     http.setCaCertPath(options.caPath);
     http.setClientCert(options.clientCert);
-    http.setCertPasswd(ext.certPasswd != nullptr ? ext.certPasswd : "");
+    http.setCertPasswd(options.keyPassword);
     if (options.dlnaMode != 0) {
         http.fcntl(MDCH_FCNTL_DLNA_MODE, options.dlnaMode);
     }
     if (options.bufferSize != 0) {
         http.fcntl(MDCH_FCNTL_BUFFER_SIZE, options.bufferSize);
     }
+    if (options.forceRange) {
+        http.fcntl(MDCH_FCNTL_FORCE_RANGE);
+    }
+    if (options.pauseBuffering) {
+        http.fcntl(MDCH_FCNTL_PAUSE_BUFFERING);
+    }
+    http.fcntl(MDCH_FCNTL_FOLLOW_REDIRECTS, options.followRedirects ? 1 : 0);
+    if (options.maxRedirects >= 0) {
+        http.fcntl(MDCH_FCNTL_MAX_REDIRECTS, options.maxRedirects);
+    }
     constexpr int kHeaderSeconds = 40; // as the opening call has them
     constexpr int kDataSeconds = 30;
-    http.fcntl(MDCH_FCNTL_HEADER_TIMEOUT, options.timeout != 0 ? options.timeout : kHeaderSeconds);
-    http.fcntl(MDCH_FCNTL_DATA_TIMEOUT, options.timeout != 0 ? options.timeout : kDataSeconds);
+    const int header = headerSeconds(options);
+    const int data = dataSeconds(options);
+    http.fcntl(MDCH_FCNTL_HEADER_TIMEOUT, header != 0 ? header : kHeaderSeconds);
+    http.fcntl(MDCH_FCNTL_DATA_TIMEOUT, data != 0 ? data : kDataSeconds);
     const int opened = http.open(options.url.c_str(), MDCH_MODE_READ);
     return opened < 0 ? opened : http.error();
 }
@@ -96,21 +117,26 @@ bool isFolder(const std::string& url)
     return stat(localPath(url).c_str(), &facts) == 0 && S_ISDIR(facts.st_mode);
 }
 
-// Header lines and time-outs of web servers are what the opening call has no place for.
-bool needsNoHand(const StreamOptions& options)
+bool needsHand(const StreamOptions& options)
 {
     const bool isWeb = hasScheme(options.url, "http://") || hasScheme(options.url, "https://");
-    return !isWeb || (options.headerLines.empty() && options.timeout == 0);
+    return isWeb && (!options.headerLines.empty() || headerSeconds(options) != 0 ||
+                     dataSeconds(options) != 0 || !options.followRedirects || options.maxRedirects >= 0);
 }
 
 // True, or false with the failure.
-bool readKeyPassword(const StreamOptions& options, std::string& password, Failure& failure)
+bool readKeyPassword(StreamOptions& options, Interrupt& interrupt, Failure& failure)
 {
+    if (options.keyPasswordPrompt) {
+        options.keyPasswordPrompt = false; // once
+        return askUnseen("Pass phrase of " + options.clientCert + ": ", interrupt, options.keyPassword,
+                         failure);
+    }
     if (options.keyPasswordFile.empty()) {
         return true;
     }
     std::ifstream file(options.keyPasswordFile);
-    if (!file || !std::getline(file, password)) {
+    if (!file || !std::getline(file, options.keyPassword)) {
         failure = localFailure("cannot read " + options.keyPasswordFile, errno);
         return false;
     }
@@ -177,23 +203,22 @@ bool Source::isDatagrams() const
     return dynamic_cast<MdchUrlUdp*>(stream.get()) != nullptr;
 }
 
-bool openSource(const StreamOptions& options, Source& source, Failure& failure)
+bool openSource(StreamOptions& options, Interrupt& interrupt, Source& source, Failure& failure)
 {
-    std::string keyPassword;
-    if (!readKeyPassword(options, keyPassword, failure)) {
+    if (!readKeyPassword(options, interrupt, failure)) {
         return false;
     }
     setProxy(options.proxyHost, options.proxyPort);
-    mdch_UrlExtended_struct ext = extendedFrom(options, keyPassword);
     const std::string what = "cannot open " + options.url;
     int result = 0;
-    if (needsNoHand(options)) {
-        result = mdch_OpenUrl(options.url.c_str(), MDCH_MODE_READ, &ext, source.stream);
-        source.http = dynamic_cast<md::HttpAccess*>(source.stream.get());
-    } else {
+    if (needsHand(options)) {
         source.stream.reset(MdchUrlBase::createInstance(options.url.c_str()));
         source.http = dynamic_cast<md::HttpAccess*>(source.stream.get());
-        result = openByHand(options, ext, *source.http);
+        result = openByHand(options, *source.http);
+    } else {
+        mdch_UrlExtended_struct ext = extendedFrom(options);
+        result = mdch_OpenUrl(options.url.c_str(), MDCH_MODE_READ, &ext, source.stream);
+        source.http = dynamic_cast<md::HttpAccess*>(source.stream.get());
     }
     if (result == 0 && std::strcmp(source.backEnd(), "file") == 0 && isFolder(options.url)) {
         result = -EISDIR;

@@ -17,6 +17,8 @@ class HttpAccess;
 
 namespace mdch {
 
+class Interrupt;
+
 // An open stream; closed when it goes.
 struct Source
 {
@@ -36,8 +38,9 @@ struct Source
     std::int32_t icyInterval = 0;   // 0: the server sends no titles
 };
 
-// True, or false with the failure.
-bool openSource(const StreamOptions& options, Source& source, Failure& failure);
+// Takes the key's pass phrase from where the options say, unless they hold it already, and opens. True, or false
+// with the failure.
+bool openSource(StreamOptions& options, Interrupt& interrupt, Source& source, Failure& failure);
 
 // What the stream's own error code means. what: "cannot read ..."; savedErrno: errno after the failed call.
 Failure failureOf(const Source& source, const std::string& what, int code, int savedErrno);

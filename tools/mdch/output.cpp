@@ -20,7 +20,7 @@ bool isSameFile(const std::string& source, const std::string& target)
 
 } // namespace
 
-Output::Output(std::string path) : m_path(std::move(path)) {}
+Output::Output(std::string path, bool keep) : m_path(std::move(path)), m_keep(keep) {}
 
 Output::~Output()
 {
@@ -47,7 +47,8 @@ bool Output::open(const std::string& source, Failure& failure)
         return false;
     }
     constexpr mode_t kPermissions = 0666;
-    m_fd = ::open(m_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kPermissions);
+    m_fd =
+        ::open(m_path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (m_keep ? O_APPEND : O_TRUNC), kPermissions);
     if (m_fd < 0) {
         failure = localFailure(what(), errno);
         return false;
@@ -83,11 +84,6 @@ bool Output::close(Failure& failure)
         return false;
     }
     return true;
-}
-
-bool Output::isTerminal() const
-{
-    return isatty(m_fd) != 0;
 }
 
 } // namespace mdch

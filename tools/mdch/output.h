@@ -11,8 +11,8 @@ namespace mdch {
 class Output
 {
 public:
-    // path: empty for standard output.
-    explicit Output(std::string path);
+    // path: empty for standard output. keep: what the file holds stays, and bytes go behind it.
+    explicit Output(std::string path, bool keep = false);
     ~Output();
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
@@ -23,13 +23,11 @@ public:
     bool write(const unsigned char* data, std::size_t count, Failure& failure);
     bool close(Failure& failure);
 
-    // Whether the bytes go to a terminal, which a progress line would get in the way of.
-    bool isTerminal() const;
-
 private:
     std::string what() const;
 
     std::string m_path;
+    bool m_keep;
     int m_fd = -1;
 };
 

@@ -1,68 +1,41 @@
 #include "progress.h"
 
-#include <algorithm>
-#include <array>
-#include <cmath>
-#include <cstdio>
-#include <iomanip>
+#include "failure.h"
+#include "measures.h"
+
 #include <iostream>
-#include <sstream>
 #include <string>
+#include <sys/ioctl.h>
+#include <unistd.h>
+#include <utility>
 
 namespace mdch {
 
 namespace {
 
-std::string amount(double bytes)
+std::size_t columnsOfTerminal()
 {
-    constexpr std::array<const char*, 5> kUnits = {"B", "kB", "MB", "GB", "TB"};
-    constexpr double kStep = 1000;
-    std::size_t unit = 0;
-    while (bytes >= kStep && unit + 1 < kUnits.size()) {
-        bytes /= kStep;
-        ++unit;
-    }
-    std::ostringstream text;
-    text << std::fixed << std::setprecision(unit == 0 ? 0 : 1) << bytes << ' ' << kUnits[unit];
-    return text.str();
-}
-
-// "[=====     ]  50%  "; nothing when the total is not known.
-std::string bar(std::int64_t count, std::int64_t total)
-{
-    constexpr std::size_t kWidth = 20;
-    constexpr double kPercent = 100;
-    if (total <= 0) {
-        return {};
-    }
-    const double part = std::min(1.0, static_cast<double>(count) / static_cast<double>(total));
-    const auto filled = static_cast<std::size_t>(part * static_cast<double>(kWidth));
-    std::ostringstream text;
-    text << '[' << std::string(filled, '=') << std::string(kWidth - filled, ' ') << "] " << std::setw(3)
-         << static_cast<int>(part * kPercent) << "%  ";
-    return text.str();
-}
-
-std::string duration(double seconds)
-{
-    constexpr long kMinute = 60;
-    constexpr double kLongest = 360000;
-    if (seconds >= kLongest) {
-        return "long";
-    }
-    const long whole = std::lround(std::ceil(seconds));
-    std::ostringstream text;
-    text << whole / kMinute << ':' << std::setw(2) << std::setfill('0') << whole % kMinute;
-    return text.str();
+    constexpr std::size_t kUsual = 80;
+    winsize size{};
+    const bool isTold = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1;
+    return isTold ? size.ws_col : kUsual;
 }
 
 } // namespace
 
-Progress::Progress(std::int64_t total, bool enabled) : m_total(total), m_enabled(enabled) {}
+Progress::Progress(std::int64_t total, bool enabled, std::int64_t first)
+    : m_total(total), m_enabled(enabled), m_lastCount(first)
+{
+}
 
 Progress::~Progress()
 {
     clear();
+}
+
+void Progress::setNote(std::function<std::string()> note)
+{
+    m_note = std::move(note);
 }
 
 void Progress::update(std::int64_t count)
@@ -78,7 +51,7 @@ void Progress::update(std::int64_t count)
         return;
     }
     const double rate = static_cast<double>(count - m_lastCount) / passed;
-    m_rate = m_lastCount == 0 ? rate : kWeightOfNew * rate + (1 - kWeightOfNew) * m_rate;
+    m_rate = m_rate == 0 ? rate : kWeightOfNew * rate + (1 - kWeightOfNew) * m_rate;
     m_lastTime = now;
     m_lastCount = count;
 
@@ -90,7 +63,15 @@ void Progress::update(std::int64_t count)
     if (m_total > count && m_rate > 0) {
         line += "  " + duration(static_cast<double>(m_total - count) / m_rate) + " left";
     }
-    std::cerr << "\r\x1b[K" << line << std::flush;
+    if (m_total < 0) {
+        line += "  " + duration(std::chrono::duration<double>(now - m_start).count());
+    }
+    const std::string note = m_note ? printable(m_note()) : std::string();
+    if (!note.empty()) {
+        line += "  " + note;
+    }
+    // One column less: a full line would let some terminals scroll.
+    std::cerr << "\r\x1b[K" << clipped(line, columnsOfTerminal() - 1) << std::flush;
     m_shown = true;
 }
 

@@ -1,11 +1,11 @@
 #include "stream_options.h"
 
+#include "trace.h"
+
 #include "mdc_hlp_httpproxy.h"
-#include "mdp_debug.h"
 #include "nvol2.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <map>
 
@@ -16,10 +16,8 @@ namespace {
 constexpr int kSmallestBuffer = 98304;
 constexpr int kLargestBuffer = 3211264;
 constexpr int kLongestTimeout = 86400;
+constexpr int kMostRedirects = 1000;
 constexpr int kHighestPort = 65535;
-
-// The library's severities, one per -v.
-constexpr std::array<unsigned int, 5> kSeverities = {0, 1000, 3000, 4000, 5000};
 
 const std::map<std::string, std::int32_t> kDlnaModes = {
     {"streaming", 1}, {"interactive", 2}, {"background", 3}};
@@ -76,19 +74,109 @@ void addVolume(const std::string& text)
     }
 }
 
+void addTimeoutOptions(CLI::App& command, StreamOptions& options)
+{
+    const CLI::Range range(1, kLongestTimeout);
+    command.add_option("--timeout", options.timeout, "longest wait for the response header and for data")
+        ->option_text("SECONDS")
+        ->check(range);
+    command.add_option("--header-timeout", options.headerTimeout, "longest wait for the response header")
+        ->option_text("SECONDS")
+        ->check(range);
+    command.add_option("--data-timeout", options.dataTimeout, "longest wait for data")
+        ->option_text("SECONDS")
+        ->check(range);
+}
+
+void addRequestOptions(CLI::App& command, StreamOptions& options)
+{
+    addUserAgentOption(command, options.userAgent);
+    command.add_option("--header", options.headerLines, "one more request header line; may be repeated")
+        ->option_text("\"NAME: VALUE\"")
+        ->expected(1)
+        ->take_all()
+        ->check(checkHeaderLine)
+        ->group(kStreamGroup);
+    command.add_option("--cookie", options.cookie, "cookies to send, joined by \";\"")
+        ->option_text("NAME=VALUE")
+        ->group(kStreamGroup);
+    command.add_flag("--icy", options.icy, "ask a radio server for titles within the stream")
+        ->group(kStreamGroup);
+    command.add_flag("--force-range", options.forceRange, "send a Range line even from the first byte")
+        ->group(kStreamGroup);
+    CLI::Option* most =
+        command.add_option("--max-redirects", options.maxRedirects, "follow so many redirects at most")
+            ->option_text("COUNT")
+            ->check(CLI::Range(0, kMostRedirects))
+            ->group(kStreamGroup);
+    command
+        .add_flag_callback(
+            "--no-redirects", [&options] { options.followRedirects = false; }, "follow no redirect")
+        ->excludes(most)
+        ->group(kStreamGroup);
+}
+
+void addCertificateOptions(CLI::App& command, StreamOptions& options)
+{
+    command
+        .add_option("--ca-path", options.caPath, "trust the certificates in DIR (PEM files) and no others")
+        ->option_text("DIR")
+        ->check(CLI::ExistingDirectory)
+        ->group(kStreamGroup);
+    CLI::Option* certificate = command
+                                   .add_option("--client-cert", options.clientCert,
+                                               "client certificate with its key: PEM, or PKCS#12 (*.p12)")
+                                   ->option_text("FILE")
+                                   ->check(CLI::ExistingFile)
+                                   ->group(kStreamGroup);
+    CLI::Option* file = command
+                            .add_option("--key-password-file", options.keyPasswordFile,
+                                        "pass phrase of the client's key: the first line of FILE")
+                            ->option_text("FILE")
+                            ->group(kStreamGroup);
+    command
+        .add_flag("--key-password-prompt", options.keyPasswordPrompt,
+                  "ask for the pass phrase at the terminal, unseen")
+        ->needs(certificate)
+        ->excludes(file)
+        ->group(kStreamGroup);
+}
+
+void addTransferOptions(CLI::App& command, StreamOptions& options)
+{
+    command
+        .add_option_function<std::string>(
+            "--dlna-mode", [&options](const std::string& name) { options.dlnaMode = kDlnaModes.at(name); },
+            "transfer mode: streaming, interactive or background")
+        ->option_text("MODE")
+        ->check(checkDlnaMode)
+        ->group(kStreamGroup);
+    command.add_option("--buffer-size", options.bufferSize, "receive buffer, 98304 to 3211264")
+        ->option_text("BYTES")
+        ->check(CLI::Range(kSmallestBuffer, kLargestBuffer))
+        ->group(kStreamGroup);
+    command
+        .add_flag("--pause-buffering", options.pauseBuffering, "go on receiving while the stream is paused")
+        ->group(kStreamGroup);
+}
+
 } // namespace
+
+std::int32_t headerSeconds(const StreamOptions& options)
+{
+    return options.headerTimeout != 0 ? options.headerTimeout : options.timeout;
+}
+
+std::int32_t dataSeconds(const StreamOptions& options)
+{
+    return options.dataTimeout != 0 ? options.dataTimeout : options.timeout;
+}
 
 void addCommonOptions(CLI::App& command)
 {
     command.set_help_flag("-h,--help", "this text");
-    command.add_flag_function(
-        "-v",
-        [](std::int64_t count) {
-            const auto most = static_cast<std::int64_t>(kSeverities.size() - 1);
-            mdpDebugSetSeverity(
-                kSeverities[static_cast<std::size_t>(std::clamp<std::int64_t>(count, 0, most))]);
-        },
-        "trace to standard error: fatal; -vv failures, -vvv notices, -vvvv every call");
+    command.add_flag_function("-v", showTraces,
+                              "trace to standard error: fatal; -vv failures, -vvv notices, -vvvv every call");
 }
 
 void addUserAgentOption(CLI::App& command, std::string& userAgent)
@@ -145,51 +233,11 @@ void addStreamOptions(CLI::App& command, StreamOptions& options)
         ->option_text(" ")
         ->required()
         ->check([](const std::string& url) { return url.empty() ? "it is empty" : std::string(); });
-    command.add_option("--timeout", options.timeout, "longest wait for the response header and for data")
-        ->option_text("SECONDS")
-        ->check(CLI::Range(1, kLongestTimeout));
-
-    addUserAgentOption(command, options.userAgent);
-    command.add_option("--header", options.headerLines, "one more request header line; may be repeated")
-        ->option_text("\"NAME: VALUE\"")
-        ->expected(1)
-        ->take_all()
-        ->check(checkHeaderLine)
-        ->group(kStreamGroup);
-    command.add_option("--cookie", options.cookie, "cookies to send, joined by \";\"")
-        ->option_text("NAME=VALUE")
-        ->group(kStreamGroup);
-    command
-        .add_option("--ca-path", options.caPath, "trust the certificates in DIR (PEM files) and no others")
-        ->option_text("DIR")
-        ->check(CLI::ExistingDirectory)
-        ->group(kStreamGroup);
-    command
-        .add_option("--client-cert", options.clientCert,
-                    "client certificate with its key: PEM, or PKCS#12 (*.p12)")
-        ->option_text("FILE")
-        ->check(CLI::ExistingFile)
-        ->group(kStreamGroup);
-    command
-        .add_option("--key-password-file", options.keyPasswordFile,
-                    "pass phrase of the client's key: the first line of FILE")
-        ->option_text("FILE")
-        ->group(kStreamGroup);
+    addTimeoutOptions(command, options);
+    addRequestOptions(command, options);
+    addCertificateOptions(command, options);
     addProxyOption(command, options.proxyHost, options.proxyPort);
-    command
-        .add_option_function<std::string>(
-            "--dlna-mode", [&options](const std::string& name) { options.dlnaMode = kDlnaModes.at(name); },
-            "streaming, interactive or background")
-        ->option_text("MODE")
-        ->check(checkDlnaMode)
-        ->group(kStreamGroup);
-    command.add_option("--buffer-size", options.bufferSize, "receive buffer, 98304 to 3211264")
-        ->option_text("BYTES")
-        ->check(CLI::Range(kSmallestBuffer, kLargestBuffer))
-        ->group(kStreamGroup);
-    command.add_flag("--icy", options.icy, "ask a radio server for titles within the stream")
-        ->group(kStreamGroup);
-
+    addTransferOptions(command, options);
     addVolumeOption(command);
     command.add_flag("--native", options.native, "open a file on a volume by its native path")
         ->group(kVolumeGroup);

@@ -17,14 +17,26 @@ struct StreamOptions
     std::string caPath;
     std::string clientCert;
     std::string keyPasswordFile;
-    std::string proxyHost; // empty: none
+    bool keyPasswordPrompt = false;
+    std::string keyPassword; // as the file or the prompt gave it
+    std::string proxyHost;   // empty: none
     std::int32_t proxyPort = 0;
     std::int32_t dlnaMode = 0; // 1 streaming, 2 interactive, 3 background
     std::int32_t bufferSize = 0;
-    std::int32_t timeout = 0; // seconds, 0: the library's own
+    std::int32_t timeout = 0;       // seconds, for both of the following; 0: the library's own
+    std::int32_t headerTimeout = 0; // seconds, 0: not given
+    std::int32_t dataTimeout = 0;
+    bool followRedirects = true;
+    std::int32_t maxRedirects = -1; // negative: the library's own
+    bool forceRange = false;
+    bool pauseBuffering = false;
     bool icy = false;
     bool native = false; // open a file on a media volume by its native path
 };
+
+// Longest waits in seconds; 0: the library's own.
+std::int32_t headerSeconds(const StreamOptions& options);
+std::int32_t dataSeconds(const StreamOptions& options);
 
 // URL and all options above.
 void addStreamOptions(CLI::App& command, StreamOptions& options);

@@ -15,6 +15,7 @@
 #include "mdp_thread.h"
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <string>
@@ -141,6 +142,14 @@ public:
     /* HTTP status of the last response, -1 before; -EAGAIN, -EFAULT, -ENOSYS (gone), -EINVAL (closed). */
     int getResponseCode();
 
+    /*
+     * How full the receive buffer is: used, bytes that have come and were not read yet, and size, bytes that it
+     * holds; 0 of 0 before the first open. used passes size when bytes come during a pause
+     * (MDCH_FCNTL_PAUSE_BUFFERING). Does not wait. 0; -EINVAL after close, -ENOSYS when the transfer is gone,
+     * which both leave the values alone.
+     */
+    int getBufferLevel(std::size_t& used, std::size_t& size) const;
+
     /* Adds a copy of a trusted server certificate. 0, or -EINVAL. */
     int setCertificate(x509_st* cert);
 
@@ -169,7 +178,7 @@ public:
 private:
     void createDescriptor(bool headRequest);
     // False: closed. The pointer stays empty when the transfer is gone.
-    bool lookUp(boost::shared_ptr<MdchCurlDescriptor_struct>& desc);
+    bool lookUp(boost::shared_ptr<MdchCurlDescriptor_struct>& desc) const;
     // Runs action(desc, lock) on the locked descriptor and returns its result; or what stands for a closed
     // stream, or for a transfer that is gone.
     template <class Result, class Action>
@@ -185,7 +194,7 @@ private:
     std::int32_t m_fd = -1;
     bool m_closed = true;
     std::uint32_t m_engineRun = 0; // numbers start over with each engine: this one tells whose m_fd is
-    MdpMutex m_mutex;              // guards the four above
+    mutable MdpMutex m_mutex;      // guards the four above
 };
 
 } // namespace md

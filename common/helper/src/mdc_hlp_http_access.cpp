@@ -162,7 +162,7 @@ HttpAccess::~HttpAccess()
     }
 }
 
-bool HttpAccess::lookUp(boost::shared_ptr<MdchCurlDescriptor_struct>& desc)
+bool HttpAccess::lookUp(boost::shared_ptr<MdchCurlDescriptor_struct>& desc) const
 {
     std::int32_t number = -1;
     std::uint32_t run = 0;

@@ -213,6 +213,21 @@ int HttpAccess::getResponseCode()
     });
 }
 
+int HttpAccess::getBufferLevel(std::size_t& used, std::size_t& size) const
+{
+    MdchDescriptorPtr desc;
+    if (!lookUp(desc)) {
+        return -EINVAL;
+    }
+    if (desc == nullptr) {
+        return -ENOSYS;
+    }
+    const MdpLock lock = lockDescriptor(*desc);
+    used = bufferedBytes(*desc);
+    size = desc->ringBuffer.usedBytes() + desc->ringBuffer.availableBytes();
+    return 0;
+}
+
 int HttpAccess::setCertificate(x509_st* cert)
 {
     MdchDescriptorPtr desc;

@@ -1,0 +1,16 @@
+// A secret that the user types at the terminal.
+#pragma once
+
+#include "failure.h"
+
+#include <string>
+
+namespace mdch {
+
+class Interrupt;
+
+// Asks with `question` at the terminal that controls the process, wherever input and output go, and does not show
+// what is typed. True, or false with the failure, which counts for nothing when the user interrupted.
+bool askUnseen(const std::string& question, Interrupt& interrupt, std::string& answer, Failure& failure);
+
+} // namespace mdch
