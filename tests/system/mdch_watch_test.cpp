@@ -71,8 +71,8 @@ TEST_F(MdchWatch, EndsWhenTheTimeIsOver)
     m_server.on("/live", Reply::endless(Media(5)).throttle(50000).header("Accept-Ranges: none"));
     const Result result = mdch({"watch", m_server.url("/live"), "--duration", "2"});
     EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_THAT(result.out, ContainsRegex("\n +0:01 +[0-9.]+ kB +[0-9.]+ k?B/s +\\[#* *\\] +[0-9]+%"));
-    EXPECT_THAT(result.out, ContainsRegex("\n[2-9]\\.[0-9] s, "));
+    EXPECT_THAT(result.out, ContainsRegex("\n +0:[0-9]+ +[0-9.]+ kB +[0-9.]+ k?B/s +\\[#* *\\] +[0-9]+%"));
+    EXPECT_THAT(result.out, ContainsRegex("\n([2-9]|[1-9][0-9]+)\\.[0-9] s, "));
 }
 
 TEST_F(MdchWatch, AStandstillOfTheServerIsAStall)
@@ -83,8 +83,9 @@ TEST_F(MdchWatch, AStandstillOfTheServerIsAStall)
     EXPECT_TRUE(waitForText("[ ;] stalls\n")) << shown();
     gate.open();
     EXPECT_EQ(process.wait(), 0);
-    EXPECT_THAT(shown(), HasSubstr(" 1 stall ("));
-    EXPECT_THAT(shown(), HasSubstr("Playback stuttered because nothing came (1).\n"));
+    // A busy machine may add stalls of its own.
+    EXPECT_THAT(shown(), ContainsRegex(" [1-9][0-9]* stalls? \\("));
+    EXPECT_THAT(shown(), ContainsRegex("Playback stuttered because nothing came \\([1-9][0-9]*\\)\\.\n"));
     EXPECT_THAT(support::readFile(m_svg), ContainsRegex("class=\"stall\".*: nothing came</title>"));
 }
 
@@ -96,24 +97,35 @@ TEST_F(MdchWatch, AServerThatIsTooSlowForThePlaybackIsTold)
                              .header("icy-br: 320")
                              .throttle(10000)
                              .pieces(500));
-    support::Process process = start("/live", {});
+    support::Process process = start("/live", {"--duration", "600"});
     EXPECT_TRUE(waitForText("stalls.*\n[^]*goes on")) << shown();
     process.signal(SIGINT);
     EXPECT_EQ(process.wait(), 0);
     EXPECT_THAT(shown(), HasSubstr("\nplayed at 320 kbit/s\n"));
-    EXPECT_THAT(shown(), ContainsRegex("Playback stuttered because too little came"));
+    EXPECT_THAT(shown(), ContainsRegex("Playback stuttered because .*too little came"));
 }
 
+// Each pause lasts until less than 96 KiB wait in the buffer: some seconds.
 TEST_F(MdchWatch, APlaybackThatIsSlowerThanTheServerPausesTheTransfer)
 {
-    m_server.on("/song", Reply::resource(Media(5), 5000000));
-    support::Process process = start("/song", {"--rate", "800", "--svg", m_svg, "--buffer-size", "98304"});
+    m_server.on("/song", Reply::resource(Media(5), 30000000));
+    support::Process process =
+        start("/song", {"--rate", "400", "--svg", m_svg, "--buffer-size", "262144", "--duration", "600"});
     EXPECT_TRUE(waitForText("paused until now, the buffer was full")) << shown();
     process.signal(SIGINT);
     EXPECT_EQ(process.wait(), 0);
     EXPECT_EQ(support::readFile(m_err), "");
     EXPECT_THAT(shown(), Not(HasSubstr(" 0 pauses")));
     EXPECT_THAT(support::readFile(m_svg), HasSubstr("class=\"pause\""));
+}
+
+TEST_F(MdchWatch, ABufferThatIsAlwaysFullIsOneLongPause)
+{
+    m_server.on("/song", Reply::resource(Media(5), 5000000));
+    const Result result =
+        mdch({"watch", m_server.url("/song"), "--rate", "100", "--buffer-size", "98304", "--duration", "3"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.out, ContainsRegex(" in the mean; [1-9][0-9]* pauses? \\([1-9][0-9]*\\.[0-9] s\\)"));
 }
 
 TEST_F(MdchWatch, ABrokenConnectionIsMadeAnewAtThePlaceWhereItBroke)
@@ -125,15 +137,15 @@ TEST_F(MdchWatch, ABrokenConnectionIsMadeAnewAtThePlaceWhereItBroke)
     EXPECT_THAT(result.out, HasSubstr("the transfer broke off before its end; the server failed with 503"));
     EXPECT_THAT(result.out, HasSubstr("reconnected"));
     EXPECT_THAT(result.out, HasSubstr("300.0 kB, "));
-    EXPECT_THAT(result.out, HasSubstr(" 1 reconnect, 1 stall ("));
-    EXPECT_THAT(result.out, HasSubstr("Playback stuttered because the connection broke (1).\n"));
+    EXPECT_THAT(result.out, ContainsRegex(" 1 reconnect, [1-9][0-9]* stalls? \\("));
+    EXPECT_THAT(result.out, ContainsRegex("Playback stuttered because .*the connection broke \\([1-9]"));
     EXPECT_THAT(support::readFile(m_svg), HasSubstr("class=\"reconnect\""));
 }
 
 TEST_F(MdchWatch, AStreamThatDoesNotComeBackIsAFailure)
 {
     m_server.onSequence("/live", {Reply().body("hello").closeDelimited(), Reply::error(404)});
-    const Result result = mdch({"watch", m_server.url("/live"), "--duration", "2"});
+    const Result result = mdch({"watch", m_server.url("/live"), "--duration", "4"});
     EXPECT_EQ(result.status, 2);
     EXPECT_THAT(result.out, HasSubstr("the server ended the stream"));
     EXPECT_THAT(result.out, HasSubstr("the connection broke (1)"));
@@ -147,7 +159,7 @@ TEST_F(MdchWatch, CtrlCEndsItInGoodOrder)
 {
     m_server.on("/live", Reply::endless(Media(5)).throttle(50000).header("Accept-Ranges: none"));
     support::Process process = start("/live", {"--svg", m_svg});
-    ASSERT_TRUE(waitForText("\n +0:01 "));
+    ASSERT_TRUE(waitForText("\n +[0-9]+:[0-9]+ "));
     process.signal(SIGINT);
     EXPECT_EQ(process.wait(), 0);
     EXPECT_EQ(support::readFile(m_err), "");

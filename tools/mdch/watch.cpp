@@ -64,6 +64,7 @@ private:
     Outcome outcomeOf(std::size_t got);
     void reconnect();
     void noteEngine();
+    void endPause(double time);
     void noteStall();
     void sample();
     void printLine();
@@ -87,6 +88,8 @@ private:
     double m_brokenSince = 0;
     double m_nextTry = 0;
     std::optional<double> m_pausedSince;
+    std::optional<double> m_wentOnAt; // after a pause that was short, and may be part of a longer one
+    double m_lastPauseAt = 0;
     std::optional<double> m_stalledSince;
     bool m_brokeInStall = false;
     std::int64_t m_receivedAtStall = 0;
@@ -264,14 +267,18 @@ void Watch::noteEngine()
         const double time = at(event.time);
         switch (event.kind) {
         case EngineEvent::Kind::kPaused:
+            if (m_wentOnAt && time - *m_wentOnAt >= kShortestPause) {
+                endPause(*m_wentOnAt);
+            }
+            m_wentOnAt.reset();
             m_pausedSince = m_pausedSince.value_or(time);
+            m_lastPauseAt = time;
             break;
         case EngineEvent::Kind::kGoesOn:
-            if (m_pausedSince && time - *m_pausedSince >= kShortestPause) {
-                m_record.pauses.push_back({*m_pausedSince, time, "the receive buffer was full"});
-                say(time, "paused until now, the buffer was full");
+            m_wentOnAt = time;
+            if (time - m_lastPauseAt >= kShortestPause) {
+                endPause(time);
             }
-            m_pausedSince.reset();
             break;
         case EngineEvent::Kind::kReconnect:
             ++m_record.reconnectCount;
@@ -280,6 +287,20 @@ void Watch::noteEngine()
             break;
         }
     }
+    if (m_wentOnAt && now() - *m_wentOnAt >= kShortestPause) {
+        endPause(*m_wentOnAt);
+    }
+}
+
+// A small buffer lets the transfer go on for a block at every read: the short pauses between are one.
+void Watch::endPause(double time)
+{
+    if (m_pausedSince && time - *m_pausedSince >= kShortestPause) {
+        m_record.pauses.push_back({*m_pausedSince, time, "the receive buffer was full"});
+        say(time, "paused until now, the buffer was full");
+    }
+    m_pausedSince.reset();
+    m_wentOnAt.reset();
 }
 
 void Watch::noteStall()
@@ -325,9 +346,7 @@ void Watch::finish()
 {
     noteEngine();
     m_record.end = now();
-    if (m_pausedSince && m_record.end - *m_pausedSince >= kShortestPause) {
-        m_record.pauses.push_back({*m_pausedSince, m_record.end, "the receive buffer was full"});
-    }
+    endPause(m_wentOnAt.value_or(m_record.end));
     if (m_stalledSince) {
         const bool came = m_taken + static_cast<std::int64_t>(m_used) > m_receivedAtStall;
         m_record.stalls.push_back({*m_stalledSince, m_record.end,
