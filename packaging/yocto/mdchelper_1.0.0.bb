@@ -31,7 +31,7 @@ PACKAGECONFIG[tool] = "-DMDC_BUILD_TOOLS=ON,-DMDC_BUILD_TOOLS=OFF,cli11 nlohmann
 EXTRA_OECMAKE = "-DMDC_BUILD_TESTS=OFF -DMDC_WARNINGS_AS_ERRORS=OFF -DCMAKE_SKIP_INSTALL_RPATH=ON"
 
 PACKAGE_BEFORE_PN = "${PN}-tool"
-FILES:${PN}-tool = "${bindir}/mdch ${datadir}/bash-completion ${datadir}/zsh ${datadir}/fish"
+FILES:${PN}-tool = "${bindir}/mdch ${datadir}/bash-completion ${datadir}/zsh"
 
 # Shared libraries are found by the build. HTTPS without a list of trusted certificates trusts nobody.
 RRECOMMENDS:${PN} = "ca-certificates"

@@ -321,7 +321,7 @@ TEST_F(MdchUpload, WithoutATerminalThereIsNobodyToAsk)
     arguments.insert(arguments.begin(), {"setsid", "--wait"});
     expectFailure(
         support::runToEnd(arguments), 1,
-        "no password: there is no terminal to ask for it. Use --password-file or --password-stdin.");
+        "no password: there is no terminal to ask at. Use --password-file or --password-stdin.");
 }
 
 TEST_F(MdchUploadTerminal, TheProgressIsShownWithBarRateAndTimeLeft)

@@ -129,8 +129,9 @@ bool readKeyPassword(StreamOptions& options, Interrupt& interrupt, Failure& fail
 {
     if (options.keyPasswordPrompt) {
         options.keyPasswordPrompt = false; // once
-        return askUnseen("Pass phrase of " + options.clientCert + ": ", interrupt, options.keyPassword,
-                         failure);
+        const Question question = {"Pass phrase of " + options.clientCert + ": ", "no pass phrase",
+                                   "Use --key-password-file"};
+        return askUnseen(question, interrupt, options.keyPassword, failure);
     }
     if (options.keyPasswordFile.empty()) {
         return true;

@@ -97,24 +97,24 @@ bool readLine(int fd, int stop, std::string& line)
     }
 }
 
-Failure noAnswer(const std::string& reason)
+Failure noAnswer(const Question& question, const std::string& reason)
 {
-    return {"no pass phrase", reason, "Use --key-password-file", kExitUsage};
+    return {question.missing, reason, question.next, kExitUsage};
 }
 
 } // namespace
 
-bool askUnseen(const std::string& question, Interrupt& interrupt, std::string& answer, Failure& failure)
+bool askUnseen(const Question& question, Interrupt& interrupt, std::string& answer, Failure& failure)
 {
     const Descriptor terminal(open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY));
     const Descriptor stop(eventfd(0, EFD_CLOEXEC));
     if (terminal.get() < 0 || stop.get() < 0) {
-        failure = noAnswer("there is no terminal to ask at");
+        failure = noAnswer(question, "there is no terminal to ask at");
         return false;
     }
     const EchoOff unseen(terminal.get());
-    if (!unseen.done() || !writeText(terminal.get(), printable(question))) {
-        failure = noAnswer("the terminal does not answer");
+    if (!unseen.done() || !writeText(terminal.get(), printable(question.prompt))) {
+        failure = noAnswer(question, "the terminal does not answer");
         return false;
     }
     interrupt.setAction([&stop] {
@@ -126,7 +126,7 @@ bool askUnseen(const std::string& question, Interrupt& interrupt, std::string& a
     interrupt.setAction(nullptr);
     if (!got) {
         writeText(terminal.get(), "\n");
-        failure = noAnswer("the input ended");
+        failure = noAnswer(question, "the input ended");
     }
     return got;
 }
