@@ -167,8 +167,33 @@ TEST(MdchPlaylist, NothingInItIsAFailureButNotForPrograms)
                   "no items in " + empty + ": it is empty or no M3U playlist. Look at it with mdch cat.");
     expectOutput(mdch({"playlist", empty, "--json"}), "{\n  \"name\": \"\",\n  \"entries\": []\n}\n");
     const std::string none = folder.file("none.m3u");
-    expectFailure(mdch({"playlist", none}), 2,
-                  "cannot read the playlist " + none + ": it cannot be opened. See with mdch info why.");
+    expectFailure(mdch({"playlist", none}), 9,
+                  "cannot open " + none + ": No such file or directory. Check the path.");
+}
+
+TEST(MdchPlaylist, TakesTheOptionsOfEveryStream)
+{
+    support::HttpServer server(support::Tls{});
+    server.on("/list", support::Reply().body("song\n"));
+    server.on("/cut", support::Reply::resource("one\ntwo\n").close(support::At::body(4)));
+    expectFailure(mdch({"playlist", server.url("/list")}), 4,
+                  "cannot open " + server.url("/list") +
+                      ": the server's certificate was not accepted. Check the host name, or name a folder of "
+                      "trusted certificates with --ca-path.");
+    const std::vector<std::string> command = {"--ca-path", support::certificates().caDirectory, "--header",
+                                              "X-Key: 1"};
+    const auto list = [&](const std::string& path) {
+        std::vector<std::string> whole = {"playlist", server.url(path)};
+        whole.insert(whole.end(), command.begin(), command.end());
+        return mdch(whole);
+    };
+    EXPECT_THAT(list("/list").out, testing::HasSubstr("song"));
+    EXPECT_EQ(server.requests("/list").back().header("X-Key"), "1");
+    EXPECT_EQ(list("/none").status, 2);
+    // Half a playlist is no playlist.
+    const Result cut = list("/cut");
+    EXPECT_EQ(cut.status, 7);
+    EXPECT_EQ(cut.out, "");
 }
 
 } // namespace

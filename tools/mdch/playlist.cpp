@@ -1,30 +1,31 @@
 #include "command.h"
 #include "failure.h"
 #include "interrupt.h"
-#include "stream_options.h"
+#include "open.h"
 #include "table.h"
 
-#include "mdc_hlp_httpproxy.h"
 #include "mdc_hlp_playlist.h"
-#include "mdc_hlp_url.h"
+#include "mdc_hlp_url_base.h"
 
 #include <cerrno>
+#include <chrono>
 #include <iostream>
 #include <list>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 namespace mdch {
 
 namespace {
 
-struct PlaylistOptions
+// As many bytes, and for as long, as md::scanPlaylist reads, which takes no options for the stream.
+constexpr std::size_t kMostBytes = 50000;
+constexpr std::chrono::seconds kPatience(60);
+
+struct PlaylistOptions : StreamOptions
 {
-    std::string locator;
-    std::string userAgent = "mdch/" MDCH_VERSION;
-    std::string proxyHost;
-    std::int32_t proxyPort = 0;
     bool latin1 = false;
     bool json = false;
 };
@@ -63,20 +64,49 @@ std::string jsonOf(const Playlist& playlist)
     return page.dump(kIndent, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }
 
-int runPlaylist(const PlaylistOptions& options)
+// True, or false with the failure.
+bool readText(PlaylistOptions& options, Interrupt& interrupt, std::vector<unsigned char>& text,
+              Failure& failure)
 {
-    const mdch_UrlInit_struct init = {options.userAgent.c_str()};
-    mdch_UrlInit(&init);
-    setProxy(options.proxyHost, options.proxyPort);
-    Playlist playlist;
-    const int result = md::scanPlaylist(options.locator, playlist.entries, playlist.name,
-                                        options.latin1 ? md::kConversionLatin1ToUtf8 : md::kConversionNone);
-    if (result != 0) {
-        return report({"cannot read the playlist " + options.locator, "it cannot be opened",
-                       "See with mdch info why", kExitNotFound});
+    Source source;
+    if (!openSource(options, interrupt, source, failure)) {
+        return false;
     }
+    interrupt.setAction([stream = source.stream] { stream->close(); });
+    text.resize(kMostBytes);
+    std::size_t count = 0;
+    const auto end = std::chrono::steady_clock::now() + kPatience;
+    int got = 1;
+    while (got > 0 && count < text.size() && std::chrono::steady_clock::now() < end) {
+        errno = 0;
+        got = source.stream->read(text.data() + count, static_cast<unsigned int>(text.size() - count));
+        count += got > 0 ? static_cast<std::size_t>(got) : 0;
+    }
+    const int savedErrno = errno;
+    const int code = got > 0 ? 0 : source.stream->error();
+    interrupt.setAction(nullptr);
+    text.resize(count);
+    if (got < 0 || code != 0) {
+        failure = failureOf(source, "cannot read " + options.url + " after " + bytesOf(text.size(), -1), code,
+                            savedErrno);
+        return false;
+    }
+    return !interrupt.requested();
+}
+
+int runPlaylist(PlaylistOptions& options, Interrupt& interrupt)
+{
+    std::vector<unsigned char> text;
+    Failure failure;
+    if (!readText(options, interrupt, text, failure)) {
+        return interrupt.requested() ? interrupt.report() : report(failure);
+    }
+    Playlist playlist;
+    parseM3uBufferToPlaylist(options.url, text,
+                             options.latin1 ? md::kConversionLatin1ToUtf8 : md::kConversionNone,
+                             playlist.entries, playlist.name);
     if (playlist.entries.empty() && !options.json) {
-        return report({"no items in " + options.locator, "it is empty or no M3U playlist",
+        return report({"no items in " + options.url, "it is empty or no M3U playlist",
                        "Look at it with mdch cat", kExitOther});
     }
     if (!(std::cout << (options.json ? jsonOf(playlist) : tableOf(playlist)) << std::flush)) {
@@ -91,17 +121,11 @@ Command addPlaylist(CLI::App& line)
 {
     const auto options = std::make_shared<PlaylistOptions>();
     CLI::App* playlist = line.add_subcommand("playlist", "list the items of an M3U playlist");
-    addCommonOptions(*playlist);
-    playlist->add_option("LOCATOR", options->locator, "any address that info and cat take")
-        ->option_text(" ")
-        ->required();
+    addStreamOptions(*playlist, *options);
     playlist->add_flag("--json", options->json, "as JSON");
     playlist->add_flag("--latin1", options->latin1, "titles and artists are ISO 8859-1 in the file");
-    addUserAgentOption(*playlist, options->userAgent);
-    addProxyOption(*playlist, options->proxyHost, options->proxyPort);
-    addVolumeOption(*playlist);
     playlist->footer("Example:\n  mdch playlist nvl2://1234-ABCD/music/all.m3u --json\n");
-    return {playlist, [options](Interrupt&) { return runPlaylist(*options); }};
+    return {playlist, [options](Interrupt& interrupt) { return runPlaylist(*options, interrupt); }};
 }
 
 } // namespace mdch
