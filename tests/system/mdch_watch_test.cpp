@@ -89,6 +89,18 @@ TEST_F(MdchWatch, AStandstillOfTheServerIsAStall)
     EXPECT_THAT(support::readFile(m_svg), ContainsRegex("class=\"stall\".*: nothing came</title>"));
 }
 
+// Bytes that come afterwards, before the playback goes on, are no cause.
+TEST_F(MdchWatch, AStandstillOfTheServerIsNotTooSlowAServer)
+{
+    Gate gate;
+    m_server.on("/live", Reply::resource(Media(5), 400000).wait(At::body(100000), gate));
+    support::Process process = start("/live", {"--rate", "400", "--duration", "600"});
+    EXPECT_TRUE(waitForText("[ ;] stalls\n")) << shown();
+    gate.open();
+    EXPECT_EQ(process.wait(), 0);
+    EXPECT_THAT(shown(), ContainsRegex("Playback stuttered because nothing came \\("));
+}
+
 // It comes steadily, at a quarter of what the playback takes.
 TEST_F(MdchWatch, AServerThatIsTooSlowForThePlaybackIsTold)
 {

@@ -30,6 +30,7 @@ constexpr double kLineSeconds = 1;
 constexpr double kLeastSampleSeconds = 0.1;
 constexpr double kMostSamples = 3000;
 constexpr double kShortestPause = 0.1;
+constexpr double kSilence = 0.5;
 constexpr double kRetrySeconds = 1;
 
 struct WatchOptions : StreamOptions
@@ -66,6 +67,7 @@ private:
     void noteEngine();
     void endPause(double time);
     void noteStall();
+    const char* causeOfStall() const;
     void sample();
     void printLine();
     void say(double time, const std::string& text) { m_record.events.push_back({time, text}); }
@@ -92,7 +94,9 @@ private:
     double m_lastPauseAt = 0;
     std::optional<double> m_stalledSince;
     bool m_brokeInStall = false;
-    std::int64_t m_receivedAtStall = 0;
+    bool m_silentAtStall = false;
+    std::int64_t m_received = 0; // with what waits in the buffer
+    double m_lastArrival = 0;
     bool m_started = false;
     WatchSample m_lineBefore;
     std::size_t m_eventsPrinted = 0;
@@ -303,24 +307,29 @@ void Watch::endPause(double time)
     m_wentOnAt.reset();
 }
 
+const char* Watch::causeOfStall() const
+{
+    return m_brokeInStall ? "the connection broke" : m_silentAtStall ? "nothing came" : "too little came";
+}
+
 void Watch::noteStall()
 {
     const std::int64_t received = m_taken + static_cast<std::int64_t>(m_used);
+    if (received > m_received) {
+        m_lastArrival = now();
+    }
+    m_received = received;
     if (!m_started && m_player->hasStarted()) {
         m_started = true;
         say(m_player->since(), "playback starts");
     }
     if (m_player->isStalled() && !m_stalledSince) {
         m_stalledSince = m_player->since();
-        m_receivedAtStall = received;
+        m_silentAtStall = m_record.rate <= 0 || now() - m_lastArrival >= kSilence;
         m_brokeInStall = m_source == nullptr;
         say(*m_stalledSince, "stalls");
     } else if (!m_player->isStalled() && m_stalledSince) {
-        const char* cause = m_brokeInStall                     ? "the connection broke"
-                            : m_record.rate <= 0               ? "nothing came"
-                            : received - m_receivedAtStall > 0 ? "too little came"
-                                                               : "nothing came";
-        m_record.stalls.push_back({*m_stalledSince, now(), cause});
+        m_record.stalls.push_back({*m_stalledSince, now(), causeOfStall()});
         m_stalledSince.reset();
         say(now(), "goes on");
     }
@@ -348,11 +357,7 @@ void Watch::finish()
     m_record.end = now();
     endPause(m_wentOnAt.value_or(m_record.end));
     if (m_stalledSince) {
-        const bool came = m_taken + static_cast<std::int64_t>(m_used) > m_receivedAtStall;
-        m_record.stalls.push_back({*m_stalledSince, m_record.end,
-                                   m_brokeInStall ? "the connection broke"
-                                   : came         ? "too little came"
-                                                  : "nothing came"});
+        m_record.stalls.push_back({*m_stalledSince, m_record.end, causeOfStall()});
     }
     printLine();
 }

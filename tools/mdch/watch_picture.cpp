@@ -4,6 +4,7 @@
 #include "measures.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <functional>
 #include <iomanip>
 #include <sstream>
@@ -27,8 +28,8 @@ struct Panel
     const char* colour;
     double top; // of the picture
     double highest;
-    std::function<double(const WatchSample& before, const WatchSample& now)> value;
-    std::function<std::string(double)> words; // of a value on the axis
+    std::function<double(std::size_t index)> value; // at that sample
+    std::function<std::string(double)> words;       // of a value on the axis
 };
 
 // Text between tags and in attributes.
@@ -96,10 +97,16 @@ private:
         return panel.top + kPanelHeight * (1 - std::clamp(value / panel.highest, 0.0, 1.0));
     }
 
-    static double rateBetween(const WatchSample& before, const WatchSample& now)
+    // In the mean of the second before: bytes come in bursts, which would hide everything else.
+    double rateAt(std::size_t index) const
     {
-        const double passed = now.time - before.time;
-        return passed > 0 ? static_cast<double>(now.received - before.received) / passed : 0;
+        const WatchSample& now = m_record.samples[index];
+        const auto begin = m_record.samples.begin();
+        const auto first =
+            std::lower_bound(begin, begin + static_cast<std::ptrdiff_t>(index), now.time - 1,
+                             [](const WatchSample& sample, double time) { return sample.time < time; });
+        const double passed = now.time - first->time;
+        return passed > 0 ? static_cast<double>(now.received - first->received) / passed : 0;
     }
 
     Panel receivedPanel() const
@@ -109,30 +116,33 @@ private:
                 "#006600",
                 kTop,
                 std::max(1.0, static_cast<double>(received)),
-                [](const WatchSample&, const WatchSample& now) { return static_cast<double>(now.received); },
+                [this](std::size_t index) { return static_cast<double>(m_record.samples[index].received); },
                 [](double value) { return amount(value); }};
     }
 
     Panel ratePanel() const
     {
         double highest = std::max(1.0, m_record.rate);
-        for (std::size_t index = 1; index < m_record.samples.size(); ++index) {
-            highest = std::max(highest, rateBetween(m_record.samples[index - 1], m_record.samples[index]));
+        for (std::size_t index = 0; index < m_record.samples.size(); ++index) {
+            highest = std::max(highest, rateAt(index));
         }
-        return {"rate",  "#993399",   kTop + kPanelStep,
-                highest, rateBetween, [](double value) { return amount(value) + "/s"; }};
+        return {"rate",
+                "#993399",
+                kTop + kPanelStep,
+                highest,
+                [this](std::size_t index) { return rateAt(index); },
+                [](double value) { return amount(value) + "/s"; }};
     }
 
-    static Panel bufferPanel()
+    Panel bufferPanel() const
     {
         constexpr double kPercent = 100;
-        return {
-            "receive buffer",
-            "#cc6600",
-            kTop + 2 * kPanelStep,
-            kPercent,
-            [](const WatchSample&, const WatchSample& now) { return std::max(0.0, now.level) * kPercent; },
-            [](double value) { return std::to_string(static_cast<int>(value)) + "%"; }};
+        return {"receive buffer",
+                "#cc6600",
+                kTop + 2 * kPanelStep,
+                kPercent,
+                [this](std::size_t index) { return std::max(0.0, m_record.samples[index].level) * kPercent; },
+                [](double value) { return std::to_string(static_cast<int>(value)) + "%"; }};
     }
 
     void write(double left, double base, const char* anchor, const std::string& words)
@@ -183,9 +193,7 @@ private:
         }
         m_text << R"(<polyline fill="none" stroke-width="1.5" stroke=")" << panel.colour << R"(" points=")";
         for (std::size_t index = 0; index < m_record.samples.size(); ++index) {
-            const WatchSample& now = m_record.samples[index];
-            const WatchSample& before = m_record.samples[index > 0 ? index - 1 : 0];
-            m_text << x(now.time) << ',' << y(panel, panel.value(before, now)) << ' ';
+            m_text << x(m_record.samples[index].time) << ',' << y(panel, panel.value(index)) << ' ';
         }
         m_text << "\"/>\n";
     }
