@@ -2,9 +2,12 @@
 // tests beside this one, and what they point at is there.
 #include "support_readme.h"
 
+#include <algorithm>
+#include <cctype>
 #include <filesystem>
 #include <gmock/gmock.h>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -21,8 +24,9 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-const std::vector<std::string> kPages = {"CHANGELOG.md", "CONTRIBUTING.md",     "LICENSE.md", "SECURITY.md",
-                                         "docs/abi.md",  "packaging/README.md", "README.md"};
+const std::vector<std::string> kPages = {"CHANGELOG.md",        "CONTRIBUTING.md", "LICENSE.md",
+                                         "SECURITY.md",         "docs/abi.md",     "docs/command-line.md",
+                                         "packaging/README.md", "README.md"};
 
 std::string exchanged(std::string text, const std::string& piece, const std::string& other)
 {
@@ -43,6 +47,26 @@ std::set<std::string> links(const std::string& page)
         found.insert(text.substr(place + 2, text.find(')', place) - place - 2));
     }
     return found;
+}
+
+// anchor: the heading in lower case, its spaces as hyphens, without any other sign.
+bool hasHeading(const fs::path& file, const std::string& anchor)
+{
+    std::istringstream lines(readFile(file.string()));
+    for (std::string line; std::getline(lines, line);) {
+        std::string made;
+        const std::size_t text = line.find("# ");
+        for (std::size_t index = text + 2; line.rfind('#', 0) == 0 && index < line.size(); ++index) {
+            const auto letter = static_cast<unsigned char>(line[index]);
+            if (letter == ' ' || letter == '-' || std::isalnum(letter) != 0) {
+                made += letter == ' ' ? '-' : static_cast<char>(std::tolower(letter));
+            }
+        }
+        if (!made.empty() && made == anchor) {
+            return true;
+        }
+    }
+    return false;
 }
 
 // What stands in a page between back-quotes and begins like that; a line's end counts as a blank.
@@ -75,8 +99,12 @@ TEST_F(PagesTest, LinksLeadSomewhere)
     std::size_t count = 0;
     for (const std::string& page : kPages) {
         for (const std::string& link : links(page)) {
-            EXPECT_TRUE(fs::exists(fs::path(kSource) / fs::path(page).parent_path() / link))
-                << page << ": " << link;
+            const std::size_t hash = std::min(link.find('#'), link.size());
+            const fs::path file = fs::path(kSource) / fs::path(page).parent_path() / link.substr(0, hash);
+            EXPECT_TRUE(fs::exists(file)) << page << ": " << link;
+            if (hash < link.size()) {
+                EXPECT_TRUE(hasHeading(file, link.substr(hash + 1))) << page << ": " << link;
+            }
             ++count;
         }
     }
