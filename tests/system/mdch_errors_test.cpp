@@ -207,6 +207,10 @@ TEST_F(MdchErrorsTest, WhatCannotBeWritten)
                   "cannot write to standard output: " + noRoom);
     expectFailure(mdch({"info", m_server.url("/song")}, full), 9,
                   "cannot write to standard output: " + noRoom);
+    for (const std::vector<std::string>& words :
+         {std::vector<std::string>{"--help"}, {"--version"}, {"cat", "--help"}, {"--man"}}) {
+        expectFailure(mdch(words, full), 9, "cannot write to standard output: " + noRoom);
+    }
     expectFailure(mdch({"cat", m_server.url("/song"), "-o", "/dev/full"}), 9,
                   "cannot write to /dev/full: " + noRoom);
     expectFailure(mdch({"cat", m_server.url("/song"), "-o", "/nonexistent/song"}), 9,

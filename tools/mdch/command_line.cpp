@@ -122,6 +122,12 @@ int wrongUsage(int argc, char** argv, const std::vector<Command>& commands, cons
     return usageError(error.what(), chosen);
 }
 
+int finishOutput()
+{
+    std::cout << std::flush;
+    return std::cout ? kExitOk : report(localFailure("cannot write to standard output", errno));
+}
+
 } // namespace
 
 int runCommandLine(int argc, char** argv)
@@ -141,13 +147,14 @@ int runCommandLine(int argc, char** argv)
     // Not among the options in the help: for whoever packages the tool.
     const std::vector<std::string> words(argv + std::min(argc, 1), argv + argc);
     if (const auto page = requestedPage(words, pagesFrom(line, commands))) {
-        std::cout << *page << std::flush;
-        return std::cout ? kExitOk : report(localFailure("cannot write to standard output", errno));
+        std::cout << *page;
+        return finishOutput();
     }
     try {
         line.parse(argc, argv);
     } catch (const CLI::Success& wish) { // help or version
-        return line.exit(wish);
+        line.exit(wish);
+        return finishOutput();
     } catch (const CLI::ParseError& error) {
         return wrongUsage(argc, argv, commands, error);
     }
