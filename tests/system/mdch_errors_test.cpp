@@ -61,8 +61,29 @@ TEST_F(MdchErrorsTest, WrongUsageIsStatus1)
     }
     expectFailure(mdch({}), 1, "a command is missing: " + names + ". Try mdch --help.");
     expectFailure(mdch({"play"}), 1, "\"play\" is no command: " + names + ". Try mdch --help.");
-    expectFailure(mdch({"--none", "x"}), 1, "A subcommand is required. Try mdch --help.");
+    for (const std::vector<std::string>& words : {std::vector<std::string>{"-v"}, {"-v", "info", "x"}}) {
+        expectFailure(mdch(words), 1,
+                      "-v is no option of mdch itself: the command comes first, then its options. "
+                      "Try mdch --help.");
+    }
+    for (const std::vector<std::string>& words :
+         {std::vector<std::string>{"--completion"}, {"--completion", "fish"}}) {
+        expectFailure(mdch(words), 1, "--completion takes bash or zsh, and nothing else. Try mdch --help.");
+    }
     expectFailure(mdch({"info"}), 1, "URL is required. Try mdch info --help.");
+    expectFailure(mdch({"info", "x", "y", "z"}), 1, "\"y\" is one argument too many. Try mdch info --help.");
+    for (const std::vector<std::string>& words : {std::vector<std::string>{"cat", "x", "--lenght", "5"},
+                                                  {"cat", "--lenght=5", "x"},
+                                                  {"cat", "--lenght"}}) {
+        expectFailure(mdch(words), 1, "--lenght is no option of mdch cat. Try mdch cat --help.");
+    }
+    expectFailure(mdch({"cat", "x", "--offset"}), 1, "--offset needs a value. Try mdch cat --help.");
+    expectFailure(mdch({"cat", "x", "--offset", "1.5"}), 1,
+                  "--offset: \"1.5\" is no whole number. Try mdch cat --help.");
+    expectFailure(mdch({"cat", "x", "--length", "some"}), 1,
+                  "--length: \"some\" is no whole number. Try mdch cat --help.");
+    expectFailure(mdch({"cat", "x", "--length", "-5"}), 1,
+                  "--length: \"-5\" is below 0. Try mdch cat --help.");
     expectFailure(mdch({"info", ""}), 1, "URL: it is empty. Try mdch info --help.");
     expectFailure(mdch({"cat", "x", "--proxy", "here"}), 1,
                   "--proxy: \"here\" is not HOST:PORT. Try mdch cat --help.");

@@ -242,7 +242,9 @@ void addCatOptions(CLI::App& cat, CatOptions& options)
         ->excludes(resume);
     cat.add_option("--length", options.length, "stop after so many bytes")
         ->option_text("BYTES")
-        ->check(CLI::NonNegativeNumber)
+        ->check([](const std::string& text) {
+            return text.rfind('-', 0) == 0 ? "\"" + text + "\" is below 0" : std::string();
+        })
         ->excludes(resume);
     cat.add_flag("--raw", options.raw, "with --icy: leave the titles in the bytes, as the server sends them")
         ->needs(cat.get_option("--icy"));

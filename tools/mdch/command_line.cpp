@@ -110,16 +110,60 @@ int usageError(std::string text, const Command* command)
     return kExitUsage;
 }
 
+// The first word that the command did not take and that looks like an option, without its value; or nothing.
+std::string unknownOption(const CLI::App& command)
+{
+    const std::vector<std::string> words = command.remaining();
+    const auto found = std::find_if(words.begin(), words.end(), [](const std::string& word) {
+        return word.size() > 1 && word[0] == '-';
+    });
+    return found != words.end() ? found->substr(0, found->find('=')) : std::string();
+}
+
+// CLI11's texts, where these say less than could be said.
+std::string wordingOf(const CLI::ParseError& error, const CLI::App& command)
+{
+    // Whatever else is missing: a misspelt option is likely to be the cause.
+    const std::string unknown = unknownOption(command);
+    if (!unknown.empty()) {
+        return unknown + " is no option of mdch " + command.get_name();
+    }
+    const std::string text = error.what();
+    if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr && !command.remaining().empty()) {
+        return "\"" + command.remaining().front() + "\" is one argument too many";
+    }
+    const std::size_t colon = text.find(": ");
+    if (dynamic_cast<const CLI::ArgumentMismatch*>(&error) != nullptr && colon != std::string::npos) {
+        return text.substr(0, colon) + " needs a value"; // only -v takes none
+    }
+    const std::size_t equals = text.find(" = ");
+    if (dynamic_cast<const CLI::ConversionError*>(&error) != nullptr && colon < equals &&
+        equals != std::string::npos) {
+        const std::string name = text.substr(colon + 2, equals - colon - 2);
+        return name + ": \"" + text.substr(equals + 3) +
+               "\" is no whole number"; // others are checked as ranges
+    }
+    return text;
+}
+
 int wrongUsage(int argc, char** argv, const std::vector<Command>& commands, const CLI::ParseError& error)
 {
     const Command* chosen = chosenOf(commands);
-    if (chosen == nullptr && argc < 2) {
+    if (argc < 2) {
         return usageError("a command is missing: " + namesOf(commands), nullptr);
     }
-    if (chosen == nullptr && *argv[1] != '-') {
-        return usageError("\"" + std::string(argv[1]) + "\" is no command: " + namesOf(commands), nullptr);
+    const std::string first = argv[1];
+    if (first == "--completion") {
+        return usageError("--completion takes bash or zsh, and nothing else", nullptr);
     }
-    return usageError(error.what(), chosen);
+    if (first.rfind('-', 0) == 0) {
+        return usageError(first + " is no option of mdch itself: the command comes first, then its options",
+                          nullptr);
+    }
+    if (chosen == nullptr) {
+        return usageError("\"" + first + "\" is no command: " + namesOf(commands), nullptr);
+    }
+    return usageError(wordingOf(error, *chosen->app), chosen);
 }
 
 int finishOutput()
