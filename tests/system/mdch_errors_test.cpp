@@ -130,12 +130,16 @@ TEST_F(MdchErrorsTest, CertificatesAndTls)
 {
     HttpServer secure{support::Tls()};
     secure.on("/song", Reply().body("hello"));
-    const std::string refused =
-        "the server's certificate was not accepted. "
-        "Check the host name, or name a folder of trusted certificates with --ca-path.";
-    expectCannotOpen(secure.url("/song"), {}, 4, refused);
-    expectCannotOpen(secure.url("/song"), {"--ca-path", support::certificates().unrelatedDirectory}, 4,
-                     refused);
+    const std::string refused = "the server's certificate was not accepted";
+    const std::string advice = ". Check the host name and this machine's clock, or name a folder of trusted "
+                               "certificates with --ca-path.";
+    expectCannotOpen(secure.url("/song"), {}, 4, refused + advice);
+    const support::Certificates& files = support::certificates();
+    expectCannotOpen(secure.url("/song"), {"--ca-path", files.unrelatedDirectory}, 4,
+                     refused + ": unable to get local issuer certificate" + advice);
+    const HttpServer old(support::Tls(files.expiredLeaf));
+    expectCannotOpen(old.url("/song"), {"--ca-path", files.caDirectory}, 4,
+                     refused + ": certificate has expired" + advice);
     const HttpServer strange(support::Tls().handshake(support::Tls::Handshake::Garbage));
     expectCannotOpen(strange.url("/song"), {}, 5,
                      "no TLS connection could be made. "
@@ -144,11 +148,21 @@ TEST_F(MdchErrorsTest, CertificatesAndTls)
 
 TEST_F(MdchErrorsTest, TheNetwork)
 {
-    const std::string unreachable = "the network or the server cannot be reached, or the connection broke. "
-                                    "Check the host name, the port, the proxy and the network.";
+    const std::string nobody =
+        "nobody answers there. Check the host name, the port, the proxy and the network.";
     const support::LoopbackPort refused = support::closedPort();
-    expectCannotOpen(refused.url("/song"), {}, 6, unreachable);
-    expectCannotOpen("http://no-such-host.invalid/song", {}, 6, unreachable);
+    expectCannotOpen(refused.url("/song"), {}, 6, nobody);
+    expectCannotOpen("http://no-such-host.invalid/song", {}, 6,
+                     "the host name is not known. Check it, and the network.");
+    for (const std::vector<std::string>& more : {std::vector<std::string>{}, {"--header", "X-One: 1"}}) {
+        std::vector<std::string> options = {"--proxy", refused.url("").substr(std::string("http://").size())};
+        options.insert(options.end(), more.begin(), more.end());
+        expectCannotOpen("http://no-such-host.invalid/song", options, 6, nobody);
+    }
+    expectCannotOpen("http://no-such-host.invalid/song", {"--proxy", "no-such-proxy.invalid:3128"}, 6,
+                     "the host name of the proxy is not known. Check it, and the network.");
+    expectCannotOpen("http://127.0.0.1:99999/song", {}, 8,
+                     "the address is not valid. Check the host name and the port.");
 
     const support::LoopbackPort silent = support::silentPort();
     expectCannotOpen(silent.url("/song"), {"--timeout", "1"}, 6,

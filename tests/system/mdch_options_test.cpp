@@ -54,6 +54,9 @@ TEST_F(MdchOptions, RedirectsAreFollowedAsFarAsAllowed)
     EXPECT_EQ(fetch("/first", {"--max-redirects", "2"}).out, "hello");
     const Result tooMany = fetch("/first", {"--max-redirects", "1"});
     EXPECT_EQ(tooMany.status, 6);
+    EXPECT_EQ(tooMany.err, failed("open", "/first",
+                                  ": it redirects too often. Check the address, or allow more with "
+                                  "--max-redirects."));
     EXPECT_EQ(tooMany.out, "");
     EXPECT_EQ(fetch("/song", {"--max-redirects", "0"}).out, "hello");
 }

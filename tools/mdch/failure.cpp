@@ -28,7 +28,8 @@ constexpr std::array<Wording, 11> kHttpWordings = {{
      kExitNotFound},
     {EINVAL, "the server failed with %", "Try again later", kExitServer},
     {MDCH_HTTP_ECERT, "the server's certificate was not accepted",
-     "Check the host name, or name a folder of trusted certificates with --ca-path", kExitCertificate},
+     "Check the host name and this machine's clock, or name a folder of trusted certificates with --ca-path",
+     kExitCertificate},
     {MDCH_HTTP_ESSL, "no TLS connection could be made",
      "Check that this port speaks https, and the client certificate if there is one", kExitTls},
     {MDCH_HTTP_ENETWORK, "the network or the server cannot be reached, or the connection broke",
@@ -40,6 +41,19 @@ constexpr std::array<Wording, 11> kHttpWordings = {{
     {EFAULT, "no answer in time", "Try again, or allow more time with --timeout", kExitNetwork},
     {EAGAIN, "no data in time", "Try again, or allow more time with --timeout", kExitNetwork},
     {MDCH_HTTP_EUNKNOWN, "the transfer failed", "Try again with -vv to see why", kExitOther},
+}};
+
+// libcurl's results that say more than the code they are given as; the status stays that of the code.
+constexpr std::array<Wording, 9> kHttpResults = {{
+    {3, "the address is not valid", "Check the host name and the port", 0},
+    {5, "the host name of the proxy is not known", "Check it, and the network", 0},
+    {6, "the host name is not known", "Check it, and the network", 0},
+    {7, "nobody answers there", "Check the host name, the port, the proxy and the network", 0},
+    {28, "no answer in time", "Check the host name, the port, the proxy and the network", 0},
+    {47, "it redirects too often", "Check the address, or allow more with --max-redirects", 0},
+    {52, "the server closed the connection without an answer", "Check the port, and try again", 0},
+    {55, "the connection broke", "Check the proxy and the network, and try again", 0},
+    {56, "the connection broke", "Check the proxy and the network, and try again", 0},
 }};
 
 // An upload's codes of libcurl.
@@ -133,9 +147,18 @@ const char* adviceFor(int code)
 
 } // namespace
 
-Failure httpFailure(std::string what, int code, int httpStatus)
+Failure httpFailure(std::string what, int code, int httpStatus, const Cause& cause)
 {
     Failure failure = failureFrom(std::move(what), wordingOf(kHttpWordings, std::abs(code)));
+    if (code != 0 && std::abs(code) == cause.code) {
+        const Wording* closer = findWording(kHttpResults, cause.result);
+        if (closer != nullptr) {
+            failure.reason = closer->reason;
+            failure.next = closer->next;
+        } else if (cause.code == MDCH_HTTP_ECERT && !cause.certificate.empty()) {
+            failure.reason += ": " + cause.certificate;
+        }
+    }
     const std::size_t place = failure.reason.find('%');
     if (place != std::string::npos) {
         failure.reason.replace(place, 1, httpStatus > 0 ? std::to_string(httpStatus) : "an error");
@@ -191,7 +214,7 @@ Failure silenceFailure(std::string what, int seconds)
 
 Failure truncatedFailure(std::string what)
 {
-    return httpFailure(std::move(what), MDCH_HTTP_ETRANSFER, 0);
+    return httpFailure(std::move(what), MDCH_HTTP_ETRANSFER, 0, {});
 }
 
 std::string bytesOf(std::int64_t count, std::int64_t total)

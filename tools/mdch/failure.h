@@ -4,6 +4,8 @@
 // of them stands in the table of failure.cpp.
 #pragma once
 
+#include "cause.h"
+
 #include <cstdint>
 #include <string>
 
@@ -32,8 +34,9 @@ struct Failure
     int status = kExitOther;
 };
 
-// A failure of an HTTP stream. code: of error() or of an open call; httpStatus: of the response, if one came.
-Failure httpFailure(std::string what, int code, int httpStatus);
+// A failure of an HTTP stream. code: of error() or of an open call; httpStatus: of the response, if one came; cause:
+// counts when it belongs to the code.
+Failure httpFailure(std::string what, int code, int httpStatus, const Cause& cause);
 
 // A failure of a local file. code: an errno value.
 Failure localFailure(std::string what, int code);

@@ -244,7 +244,7 @@ Failure failureOf(const Source& source, const std::string& what, int code, int s
     }
     // Not asked for otherwise: without a response it would be waited for again.
     const int status = tellsStatus(code) ? source.http->getResponseCode() : 0;
-    return httpFailure(what, code, status);
+    return httpFailure(what, code, status, source.causes.cause());
 }
 
 std::deque<std::string> headerLines(const Source& source)

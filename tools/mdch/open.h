@@ -1,6 +1,7 @@
 // Opening a stream as the command line says.
 #pragma once
 
+#include "cause.h"
 #include "failure.h"
 #include "stream_options.h"
 
@@ -33,6 +34,7 @@ struct Source
     // A stream of datagrams without an end: reading nothing means that nothing came for a while.
     bool isDatagrams() const;
 
+    CauseListener causes; // hears all of the stream
     boost::shared_ptr<MdchUrlBase> stream;
     md::HttpAccess* http = nullptr; // the stream, when it is one over HTTP
     std::int32_t icyInterval = 0;   // 0: the server sends no titles

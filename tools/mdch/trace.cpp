@@ -32,6 +32,7 @@ struct Severity
 constexpr std::array<Severity, 4> kSeverities = {
     {{1000, "fatal"}, {3000, "failure"}, {4000, "notice"}, {5000, "call"}}};
 
+constexpr unsigned int kFailure = kSeverities[1].number;
 constexpr unsigned int kSeverityBits = 0xffff;
 
 const char* nameOf(unsigned int level)
@@ -62,12 +63,22 @@ public:
     // Both while no trace can come.
     void showUpTo(unsigned int severity) { m_severity = severity; }
     void setObserver(TraceObserver observer) { m_observer = std::move(observer); }
-    unsigned int neededSeverity() const { return m_observer ? kSeverities.back().number : m_severity; }
+    void setFailureObserver(TraceObserver observer) { m_failureObserver = std::move(observer); }
+    unsigned int neededSeverity() const
+    {
+        if (m_observer) {
+            return kSeverities.back().number;
+        }
+        return m_failureObserver ? std::max(m_severity, kFailure) : m_severity;
+    }
 
     void take(unsigned int level, std::string_view text)
     {
         if (m_observer) {
             m_observer(text);
+        }
+        if (m_failureObserver && (level & kSeverityBits) <= kFailure) {
+            m_failureObserver(text);
         }
         if ((level & kSeverityBits) <= m_severity) {
             print(level, text);
@@ -100,6 +111,7 @@ private:
     Clock::time_point m_start = Clock::now();
     unsigned int m_severity = 0;
     TraceObserver m_observer;
+    TraceObserver m_failureObserver;
     bool m_isTerminal = isatty(STDERR_FILENO) != 0;
 };
 
@@ -138,6 +150,11 @@ void showTraces(std::int64_t count)
 void observeTraces(TraceObserver observer)
 {
     changePrinter([&observer](TracePrinter& traces) { traces.setObserver(std::move(observer)); });
+}
+
+void observeFailures(TraceObserver observer)
+{
+    changePrinter([&observer](TracePrinter& traces) { traces.setFailureObserver(std::move(observer)); });
 }
 
 } // namespace mdch

@@ -15,4 +15,7 @@ void showTraces(std::int64_t count);
 using TraceObserver = std::function<void(std::string_view line)>;
 void observeTraces(TraceObserver observer);
 
+// The same, for failures and what is worse: these cost nothing as long as all goes well.
+void observeFailures(TraceObserver observer);
+
 } // namespace mdch
