@@ -203,6 +203,7 @@ TEST_F(MdchWatch, FailuresAreTold)
     const Result unwritable = mdch({"watch", m_server.url("/song"), "--svg", m_folder.path() + "/no/file"});
     EXPECT_EQ(unwritable.status, 9);
     EXPECT_THAT(unwritable.err, HasSubstr("mdch: cannot write to "));
+    EXPECT_EQ(unwritable.out, ""); // told before anything is watched
     EXPECT_EQ(mdch({"watch", m_server.url("/song"), "--duration", "0"}).status, 1);
 }
 

@@ -44,7 +44,10 @@ struct WatchOptions : StreamOptions
 class Watch
 {
 public:
-    Watch(WatchOptions& options, Interrupt& interrupt) : m_options(options), m_interrupt(interrupt) {}
+    Watch(WatchOptions& options, Interrupt& interrupt)
+        : m_options(options), m_interrupt(interrupt), m_picture(options.svg)
+    {
+    }
 
     int run();
 
@@ -76,6 +79,7 @@ private:
 
     WatchOptions& m_options;
     Interrupt& m_interrupt;
+    Output m_picture;     // used when one is asked for
     WatchEngine m_engine; // listens before anything is opened
     Clock::time_point m_start = Clock::now();
     std::unique_ptr<Source> m_source;
@@ -130,6 +134,11 @@ int Watch::run()
     Failure failure;
     if (!open(failure)) {
         return m_interrupt.requested() ? m_interrupt.report() : report(failure);
+    }
+    // Now: nobody wants to hear at the end that the picture has no place.
+    if (!m_options.svg.empty() && !m_picture.open(localPath(m_options.url), failure)) {
+        m_interrupt.setAction(nullptr);
+        return report(failure);
     }
     constexpr double kBytesPerKilobit = 125;
     const std::string told = headerValue(headerLines(*m_source), "icy-br");
@@ -370,11 +379,9 @@ int Watch::deliver()
     }
     if (!m_options.svg.empty()) {
         const std::string picture = watchPicture(m_record);
-        Output file(m_options.svg);
         Failure failure;
         const auto* bytes = reinterpret_cast<const unsigned char*>(picture.data());
-        if (!file.open(localPath(m_options.url), failure) || !file.write(bytes, picture.size(), failure) ||
-            !file.close(failure)) {
+        if (!m_picture.write(bytes, picture.size(), failure) || !m_picture.close(failure)) {
             return report(failure);
         }
     }
