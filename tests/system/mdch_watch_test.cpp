@@ -59,6 +59,7 @@ TEST_F(MdchWatch, AWholeStreamIsWatchedToItsEnd)
     EXPECT_EQ(result.err, "");
     EXPECT_THAT(result.out, testing::StartsWith(m_server.url("/song") + "\ntaken as fast as it comes\n"));
     EXPECT_THAT(result.out, HasSubstr("playback starts"));
+    EXPECT_THAT(result.out, HasSubstr("the stream ends\n\n"));
     EXPECT_THAT(result.out, ContainsRegex("400.0 kB, .* in the mean; .* 0 reconnects, "));
     const Result local = mdch({"watch", m_folder.write("song", "hello")});
     EXPECT_EQ(local.status, 0);

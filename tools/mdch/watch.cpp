@@ -177,6 +177,9 @@ void Watch::watch()
         }
         noteEngine();
         noteStall();
+        if (outcome == Outcome::kEnded) {
+            say(now(), "the stream ends");
+        }
         if (now() >= nextSample) {
             sample();
             nextSample = now() + sampleSeconds;
