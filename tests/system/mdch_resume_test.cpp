@@ -108,9 +108,9 @@ TEST_F(MdchResume, ABrokenTransferTellsTheWholeCountAndCanBeGoneOnWith)
                                   Reply::resource(Media(5), kSize)});
     const Result broken = resume();
     EXPECT_EQ(broken.status, 7);
-    EXPECT_EQ(broken.err,
-              "mdch: cannot read " + m_server.url("/song") +
-                  " after 433616 of 500000 bytes: the transfer broke off before its end. Try again.\n");
+    EXPECT_EQ(broken.err, "mdch: cannot read " + m_server.url("/song") +
+                              " after 433616 of 500000 bytes: the transfer broke off before its end. "
+                              "Go on with --resume.\n");
     EXPECT_TRUE(copied() == m_content.substr(0, 433616));
     EXPECT_EQ(resume().status, 0);
     EXPECT_TRUE(copied() == m_content);

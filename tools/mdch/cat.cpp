@@ -171,6 +171,13 @@ bool showsLine(const CatOptions& options)
     return !options.output.empty() && isatty(STDOUT_FILENO) != 0 && isatty(STDERR_FILENO) != 0;
 }
 
+// Whether a copy that breaks off can be finished later. Asked before it does; total: as it is expected, or negative.
+bool canBeFinished(const CatOptions& options, const Source& source, std::int64_t total)
+{
+    const bool isAll = options.offset == 0 && options.timeMs < 0 && options.length < 0;
+    return !options.output.empty() && isAll && total >= 0 && source.stream->isSeekable() != 0;
+}
+
 int runCat(CatOptions& options, Interrupt& interrupt)
 {
     Source source;
@@ -206,12 +213,16 @@ int runCat(CatOptions& options, Interrupt& interrupt)
     LiveLine line(source, total, have, showsLine(options));
     Copying copying{source,      output, interrupt, line, radio ? &*radio : nullptr,
                     options.url, total,  limit,     have};
+    const bool finishable = canBeFinished(options, source, total);
     const bool whole = source.isDatagrams() ? copyDatagrams(copying, dataSeconds(options), failure)
                                             : copyAll(copying, failure);
     interrupt.setAction(nullptr);
     line.end();
     if (interrupt.requested()) {
         return interrupt.report();
+    }
+    if (!whole && finishable && failure.status == kExitBrokenOff) {
+        failure.next = "Go on with --resume";
     }
     if (!whole || !output.close(failure)) {
         return report(failure);
