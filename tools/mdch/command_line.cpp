@@ -143,7 +143,7 @@ std::string wordingOf(const CLI::ParseError& error, const CLI::App& command)
         return name + ": \"" + text.substr(equals + 3) +
                "\" is no whole number"; // others are checked as ranges
     }
-    return text;
+    return error.what();
 }
 
 int wrongUsage(int argc, char** argv, const std::vector<Command>& commands, const CLI::ParseError& error)
