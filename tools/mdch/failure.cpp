@@ -89,7 +89,7 @@ constexpr std::array<Wording, 5> kUploadResults = {{
 }};
 
 // For the help text and for nothing else: the statuses are given by the tables and functions here.
-constexpr std::array<std::pair<int, const char*>, 11> kStatusWordings = {{
+constexpr std::array<std::pair<int, const char*>, 12> kStatusWordings = {{
     {kExitOk, "all went well"},
     {kExitUsage, "wrong usage"},
     {kExitNotFound, "the server does not have it, or refuses it or the log-in (4xx)"},
@@ -101,6 +101,7 @@ constexpr std::array<std::pair<int, const char*>, 11> kStatusWordings = {{
     {kExitOther, "any other failure of the transfer"},
     {kExitFile, "a local file cannot be read or written"},
     {kExitInterrupted, "interrupted (Ctrl-C)"},
+    {kExitTerminated, "ended by SIGTERM"},
 }};
 
 // Null when the table has none.

@@ -23,7 +23,8 @@ enum ExitStatus : int
     kExitBrokenOff = 7,
     kExitOther = 8,
     kExitFile = 9,
-    kExitInterrupted = 130
+    kExitInterrupted = 130,
+    kExitTerminated = 143
 };
 
 struct Failure
