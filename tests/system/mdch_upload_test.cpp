@@ -319,9 +319,8 @@ TEST_F(MdchUpload, WithoutATerminalThereIsNobodyToAsk)
     // A session of its own has no terminal.
     std::vector<std::string> arguments = support::mdchCommand({"upload", m_file, url(server)});
     arguments.insert(arguments.begin(), {"setsid", "--wait"});
-    expectFailure(
-        support::runToEnd(arguments), 1,
-        "no password: there is no terminal to ask at. Use --password-file or --password-stdin.");
+    expectFailure(support::runToEnd(arguments), 1,
+                  "no password: there is no terminal to ask at. Use --password-file or --password-stdin.");
 }
 
 TEST_F(MdchUploadTerminal, TheProgressIsShownWithBarRateAndTimeLeft)
