@@ -11,6 +11,8 @@
     packages_lint="clang-format-14 clang-tidy-14 doxygen"
     packages_fuzz="$packages_build clang-14 libclang-rt-14-dev"
     packages_deb="dpkg-dev debhelper fakeroot"
+    packages_bench="$packages_build python3 nginx-light openssl libavformat-dev libgstreamer1.0-dev
+        gstreamer1.0-plugins-base gstreamer1.0-plugins-good glib-networking libbenchmark-dev valgrind gnuplot-nox"
     packages_test="$packages_test abigail-tools $packages_deb"
 
     # These exclude each other, and any other FTP server that the machine may have. The tests start them by

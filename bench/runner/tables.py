@@ -1,0 +1,64 @@
+"""What is printed."""
+
+from targets import TARGETS, number
+
+# Heading and figure of each column that every load has.
+COLUMNS = [("CPU s", "cpu"), ("client", "client"), ("server", "server"), ("MB/s", "throughput"),
+           ("switches/GiB", "switches_per_gib"), ("preempted", "preempted"), ("peak MiB", "peak_mib")]
+
+HEADINGS = {
+    "seek_median_us": "seek µs", "seek_most_us": "most", "open_median_us": "open µs", "connections": "connections",
+    "threads": "threads", "kb_per_stream": "KB/stream", "us_per_packet": "µs/packet", "drop_share": "dropped",
+    "pause_median_us": "pause µs", "pause_most_us": "most", "resume_median_us": "resume µs", "resume_most_us": "most",
+}
+
+
+def cell(value):
+    if value is None:
+        return "-"
+    return ("%.4f" if 0 < abs(value) < 0.01 else "%.3f" if abs(value) < 10 else "%.1f" if abs(value) < 1000
+            else "%.0f") % value
+
+
+def rows_of(load, series):
+    """Headings and rows of text."""
+    columns = COLUMNS + [(HEADINGS[figure], figure) for figure in load.columns]
+    baselines = [name for name in load.baselines if name in series]
+    headings = [""] + [heading for heading, _ in columns]
+    for name in baselines:
+        headings += ["CPU/" + name, "MB/s/" + name]
+    rows = []
+    for name, runs in series.items():
+        row = [name] + [cell(runs.median(figure)) for _, figure in columns]
+        for baseline in baselines:
+            row += [number(runs.ratio("cpu", series[baseline])), number(runs.ratio("throughput", series[baseline]))]
+        rows.append(row)
+    return headings, rows
+
+
+def aligned(headings, rows):
+    widths = [max(len(row[i]) for row in [headings] + rows) for i in range(len(headings))]
+    lines = []
+    for row in [headings] + rows:
+        lines.append("  ".join([row[0].ljust(widths[0])]
+                               + [text.rjust(width) for text, width in zip(row[1:], widths[1:])]).rstrip())
+    return "\n".join(lines)
+
+
+def markdown(headings, rows):
+    lines = ["| " + " | ".join(headings) + " |", "|---" + "|--:" * (len(headings) - 1) + "|"]
+    return "\n".join(lines + ["| " + " | ".join(row) + " |" for row in rows])
+
+
+def title_of(load, pinned):
+    return load.title + (", a core each" if pinned else "")
+
+
+def target_rows(outcome):
+    """Of the targets that were measured."""
+    rows = []
+    for target in TARGETS:
+        value = target.value(outcome)
+        if value is not None:
+            rows.append([target.text, target.bound, number(value), "met" if target.met(value) else "missed"])
+    return ["target", "bound", "measured", ""], rows
