@@ -63,8 +63,13 @@ Options optionsOf(int argc, char** argv)
 
 Report::Report(const Options& options) : m_options(options)
 {
-    set("memory_before_kib", static_cast<double>(statusFigure("VmRSS")));
+    markMemory();
     restart();
+}
+
+void Report::markMemory()
+{
+    m_memory = statusFigure("VmRSS");
 }
 
 void Report::restart()
@@ -94,7 +99,8 @@ std::string Report::json(const std::string& contestant)
     line << R"({"contestant": ")" << contestant << R"(", "load": ")" << m_options.load << R"(", "bytes": )"
          << m_bytes << R"(, "wall": )" << m_cost.wall << R"(, "user": )" << m_cost.user << R"(, "system": )"
          << m_cost.system << R"(, "server": )" << m_cost.servers << R"(, "voluntary": )" << m_cost.voluntary
-         << R"(, "involuntary": )" << m_cost.involuntary << R"(, "peak_kib": )" << statusFigure("VmHWM");
+         << R"(, "involuntary": )" << m_cost.involuntary << R"(, "peak_kib": )" << statusFigure("VmHWM")
+         << R"(, "memory_before_kib": )" << m_memory;
     for (const auto& [name, value] : m_values) {
         line << ", \"" << name << "\": " << value;
     }

@@ -45,6 +45,8 @@ class Report
 public:
     explicit Report(const Options& options);
 
+    /* The memory that is there before the streams. */
+    void markMemory();
     /* What came before does not count. The meter runs from the constructor on. */
     void restart();
     /* What comes behind does not count. */
@@ -61,6 +63,7 @@ public:
 private:
     const Options& m_options;
     bool m_running = true;
+    long m_memory = 0; // KiB, before
     Counters m_start;
     Counters m_cost;
     double m_bytes = 0;

@@ -139,6 +139,8 @@ void openOften(const Options& options, Report& report)
 // A thread for each, as the easy interface wants it.
 void readStreams(const Options& options, Report& report)
 {
+    Transfer(options).run(static_cast<long long>(options.block));
+    report.markMemory();
     std::vector<std::unique_ptr<Transfer>> transfers;
     for (int i = 0; i < options.streams; ++i) {
         transfers.push_back(std::make_unique<Transfer>(options));

@@ -2,6 +2,7 @@
 #include "contestant.h"
 
 #include <atomic>
+#include <gio/gio.h>
 #include <gst/gst.h>
 #include <memory>
 #include <stdexcept>
@@ -30,6 +31,16 @@ GstPadProbeReturn countBytes(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer by
     return GST_PAD_PROBE_OK;
 }
 
+void trust(GstElement* source, const std::string& certificate)
+{
+    GTlsDatabase* database = g_tls_file_database_new(certificate.c_str(), nullptr);
+    if (database == nullptr) {
+        throw std::runtime_error("cannot trust " + certificate);
+    }
+    g_object_set(source, "tls-database", database, nullptr);
+    g_object_unref(database);
+}
+
 void readBody(const Options& options, Report& report)
 {
     std::atomic<std::size_t> bytes{0};
@@ -43,7 +54,7 @@ void readBody(const Options& options, Report& report)
     g_object_set(source, "location", options.url.c_str(), "blocksize", static_cast<guint>(options.block),
                  nullptr);
     if (!options.trusted.empty()) {
-        g_object_set(source, "ssl-ca-file", (options.trusted + "/cert.pem").c_str(), nullptr);
+        trust(source, options.trusted + "/cert.pem");
     }
     const std::unique_ptr<GstPad, Unref> pad(gst_element_get_static_pad(source, "src"));
     gst_object_unref(source);

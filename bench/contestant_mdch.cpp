@@ -138,6 +138,7 @@ private:
 
 void readStreams(const Options& options, Report& report)
 {
+    bench::warmUp(makeStream, options, report);
     ReadyStreams streams(options);
     for (int i = 0; i < options.streams; ++i) {
         streams.open();

@@ -51,9 +51,15 @@ private:
     std::vector<unsigned char> m_scratch;
 };
 
+std::unique_ptr<bench::Stream> makeStream(const Options& options)
+{
+    return std::make_unique<SocketStream>(options);
+}
+
 // All in one poll.
 void readStreams(const Options& options, Report& report)
 {
+    bench::warmUp(makeStream, options, report);
     std::vector<std::unique_ptr<HttpSocket>> sockets;
     std::vector<pollfd> waited;
     for (int i = 0; i < options.streams; ++i) {
@@ -104,9 +110,7 @@ void receiveDatagrams(const Options& options, Report& report)
 
 int main(int argc, char** argv)
 {
-    bench::Loads loads = bench::pullLoads([](const Options& options) -> std::unique_ptr<bench::Stream> {
-        return std::make_unique<SocketStream>(options);
-    });
+    bench::Loads loads = bench::pullLoads(makeStream);
     loads["streams"] = readStreams;
     loads["datagrams"] = receiveDatagrams;
     return bench::runContestant("socket", loads, argc, argv);

@@ -81,6 +81,7 @@ void openOften(const StreamMaker& make, const Options& options, Report& report)
 void readPaced(const StreamMaker& make, const Options& options, Report& report)
 {
     const auto count = static_cast<std::size_t>(options.streams);
+    warmUp(make, options, report);
     std::vector<std::unique_ptr<Stream>> streams;
     for (std::size_t i = 0; i < count; ++i) {
         streams.push_back(make(options));
@@ -114,6 +115,17 @@ void readPaced(const StreamMaker& make, const Options& options, Report& report)
 }
 
 } // namespace
+
+void warmUp(const StreamMaker& make, const Options& options, Report& report)
+{
+    std::vector<unsigned char> block(options.block);
+    const std::unique_ptr<Stream> stream = make(options);
+    stream->open(options.url);
+    stream->read(block.data(), block.size());
+    stream->close();
+    report.markMemory();
+    report.restart();
+}
 
 Loads pullLoads(const StreamMaker& make)
 {

@@ -38,6 +38,9 @@ using StreamMaker = std::function<std::unique_ptr<Stream>(const Options&)>;
  */
 Loads pullLoads(const StreamMaker& make);
 
+/* One stream before those that are measured: what the first of a process costs is not a stream's own. */
+void warmUp(const StreamMaker& make, const Options& options, Report& report);
+
 } // namespace bench
 
 #endif
