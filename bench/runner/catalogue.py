@@ -38,17 +38,36 @@ class Load:
     columns: List[str] = field(default_factory=list)
 
 
-def sizes(quick):
-    """The server's files."""
-    return {
-        "body.bin": (64 if quick else 256) * MIB,
-        "limited.bin": 20000000 if quick else 60000000,
-        "skip.bin": (24 if quick else 96) * MIB,
-        "1k.bin": KIB,
-        "streams-10.bin": (4 if quick else 16) * MIB,
-        "streams-100.bin": (1 if quick else 3) * MIB,
-        "streams-500.bin": (256 if quick else 1024) * KIB,
-    }
+@dataclass
+class Scale:
+    """How much of everything."""
+
+    rounds: int
+    body: int  # bytes of the resource that is read whole
+    repeat: int  # how often
+    limited: int  # bytes, at 20 MB/s
+    skip: int
+    stream: Dict[int, int]  # bytes of each stream at full speed, by the number of streams
+    paced: int  # seconds
+    seeks: int
+    calls: int
+    opens: int
+    datagrams: int  # seconds
+
+    def files(self):
+        """The server's, bytes by name."""
+        files = {"body.bin": self.body, "limited.bin": self.limited, "skip.bin": self.skip, "1k.bin": KIB}
+        files.update({"streams-%d.bin" % count: size for count, size in self.stream.items()})
+        return files
+
+
+FULL = Scale(rounds=7, body=256 * MIB, repeat=4, limited=60000000, skip=96 * MIB,
+             stream={10: 16 * MIB, 100: 3 * MIB, 500: MIB}, paced=5, seeks=200, calls=300, opens=1000, datagrams=4)
+QUICK = Scale(rounds=3, body=64 * MIB, repeat=2, limited=20000000, skip=24 * MIB,
+              stream={10: 4 * MIB, 100: MIB, 500: 256 * KIB}, paced=2, seeks=40, calls=50, opens=1000, datagrams=1)
+# For the test that each contestant does each load.
+SMOKE = Scale(rounds=1, body=3 * MIB, repeat=1, limited=2000000, skip=MIB,
+              stream={10: 256 * KIB, 100: 32 * KIB, 500: 16 * KIB}, paced=1, seeks=5, calls=3, opens=20, datagrams=1)
 
 
 def everybody(load, *without):
@@ -56,8 +75,8 @@ def everybody(load, *without):
     return [Entrant(name, name, load) for name in ("mdch", "socket", "curl", "avio", "gst") if name not in without]
 
 
-def body_loads(files, quick):
-    repeat = 2 if quick else 4
+def body_loads(scale):
+    repeat = scale.repeat
     loads = []
     for scheme in ("http", "https"):
         for block in (4, 32, 256):
@@ -68,83 +87,76 @@ def body_loads(files, quick):
                 url=(lambda server: server.url("body.bin")) if scheme == "http"
                 else (lambda server: server.secure_url("body.bin")),
                 options={"block": block * KIB, "repeat": repeat},
-                expected=repeat * files["body.bin"],
+                expected=repeat * scale.body,
                 both_ways=True))
     loads.append(Load(
         name="limited", title="A server held to 20 MB/s, reads of 32 KiB", entrants=everybody("body"),
         url=lambda server: server.url("limited/limited.bin"), options={"block": 32 * KIB},
-        expected=files["limited.bin"]))
+        expected=scale.limited))
     return loads
 
 
-def move_loads(files, quick):
-    seeks = 40 if quick else 200
-    opens = 1000
+def move_loads(scale):
+    seeks, opens = scale.seeks, scale.opens
     block = 4 * KIB
     cut_off = Entrant("curl, cut off", "curl", "seek-cut-off")
     return [
         Load(name="seek", title="%d random seeks, each with a read of 64 KiB" % seeks,
              entrants=everybody("seek", "gst") + [cut_off], url=lambda server: server.url("body.bin"),
-             options={"block": 64 * KIB, "count": seeks, "size": files["body.bin"]},
+             options={"block": 64 * KIB, "count": seeks, "size": scale.body},
              expected=seeks * 64 * KIB, columns=["seek_median_us", "seek_most_us", "connections"]),
         Load(name="skip", title="Reads of 4 KiB with skips of 8 KiB between", entrants=everybody("skip", "gst"),
-             url=lambda server: server.url("skip.bin"), options={"block": block, "size": files["skip.bin"]},
-             expected=files["skip.bin"] // (3 * block) * block),
+             url=lambda server: server.url("skip.bin"), options={"block": block, "size": scale.skip},
+             expected=scale.skip // (3 * block) * block),
         Load(name="open", title="Open, read 1 KiB, close, %d times" % opens, entrants=everybody("open", "gst"),
              url=lambda server: server.url("1k.bin"), options={"block": KIB, "count": opens},
              expected=opens * KIB, columns=["open_median_us", "connections"]),
     ]
 
 
-def stream_loads(files, quick):
+def stream_loads(scale):
     loads = []
-    three = ("avio", "gst")
-    for count in (10, 100, 500):
+    without = ("avio", "gst")  # one stream at a time
+    for count, size in scale.stream.items():
         name = "streams-%d" % count
         loads.append(Load(
-            name=name, title="%d streams at full speed" % count, entrants=everybody("streams", *three),
+            name=name, title="%d streams at full speed" % count, entrants=everybody("streams", *without),
             url=lambda server, file=name + ".bin": server.url(file), options={"block": 32 * KIB, "streams": count},
-            expected=count * files[name + ".bin"], streams=count, columns=["threads", "kb_per_stream"]))
-    seconds = 2 if quick else 5
-    for count in (10, 100, 500):
+            expected=count * size, streams=count, columns=["threads", "kb_per_stream"]))
+    for count in scale.stream:
         loads.append(Load(
             name="paced-%d" % count, title="%d streams at 1 MiB/s each" % count,
-            entrants=everybody("paced", *three), url=lambda server: server.url("body.bin"),
-            options={"block": 32 * KIB, "streams": count, "rate": MIB, "length": seconds * MIB},
-            expected=count * seconds * MIB, streams=count, columns=["threads", "kb_per_stream"]))
-    repeat = 1 if quick else 4
+            entrants=everybody("paced", *without), url=lambda server: server.url("body.bin"),
+            options={"block": 32 * KIB, "streams": count, "rate": MIB, "length": scale.paced * MIB},
+            expected=count * scale.paced * MIB, streams=count, columns=["threads", "kb_per_stream"]))
     loads.append(Load(
         name="resting", title="One stream at full speed beside others that rest",
         entrants=[Entrant("alone" if count == 0 else "beside %d" % count, "mdch", "resting", {"paused": count})
                   for count in (0, 100, 400)],
-        url=lambda server: server.url("body.bin"), options={"block": 32 * KIB, "repeat": repeat},
-        expected=repeat * files["body.bin"], baselines=["alone"]))
+        url=lambda server: server.url("body.bin"), options={"block": 32 * KIB, "repeat": scale.repeat},
+        expected=scale.repeat * scale.body, baselines=["alone"]))
     return loads
 
 
-def other_loads(files, quick):
-    seconds = 1 if quick else 4
-    repeat = 4
+def other_loads(scale):
     loads = [Load(
         name="udp-%dk" % (rate // 1000), title="Datagrams, %d a second" % rate,
         entrants=everybody("datagrams", "curl", "avio", "gst"),
-        options={"packets": seconds * rate, "packet-rate": rate}, baselines=["socket"],
+        options={"packets": scale.datagrams * rate, "packet-rate": rate}, baselines=["socket"],
         columns=["us_per_packet", "drop_share"]) for rate in (10000, 50000)]
     loads.append(Load(
         name="file", title="A local file, reads of 32 KiB",
         entrants=[Entrant("mdch", "mdch", "body"), Entrant("fread", "fread", "body")],
-        url=lambda server: server.file("body.bin"), options={"block": 32 * KIB, "repeat": repeat},
-        expected=repeat * files["body.bin"], baselines=["fread"]))
+        url=lambda server: server.file("body.bin"), options={"block": 32 * KIB, "repeat": 2 * scale.repeat},
+        expected=2 * scale.repeat * scale.body, baselines=["fread"]))
     loads.append(Load(
         name="calls", title="Pause, seek and resume of a stream beside three at full speed",
         entrants=[Entrant("mdch", "mdch", "calls")], url=lambda server: server.url("body.bin"),
-        options={"block": 32 * KIB, "streams": 3, "count": 50 if quick else 300, "size": files["body.bin"]},
+        options={"block": 32 * KIB, "streams": 3, "count": scale.calls, "size": scale.body},
         baselines=[], columns=[name + which for name in ("pause", "seek", "resume")
                                for which in ("_median_us", "_most_us")]))
     return loads
 
 
-def all_loads(quick):
-    files = sizes(quick)
-    return (body_loads(files, quick) + move_loads(files, quick) + stream_loads(files, quick)
-            + other_loads(files, quick))
+def all_loads(scale):
+    return body_loads(scale) + move_loads(scale) + stream_loads(scale) + other_loads(scale)

@@ -45,8 +45,9 @@ def aligned(headings, rows):
     return "\n".join(lines)
 
 
-def markdown(headings, rows):
-    lines = ["| " + " | ".join(headings) + " |", "|---" + "|--:" * (len(headings) - 1) + "|"]
+def markdown(headings, rows, numbers=True):
+    """numbers: every column but the first."""
+    lines = ["| " + " | ".join(headings) + " |", "|---" + ("|--:" if numbers else "|---") * (len(headings) - 1) + "|"]
     return "\n".join(lines + ["| " + " | ".join(row) + " |" for row in rows])
 
 
@@ -62,3 +63,11 @@ def target_rows(outcome):
         if value is not None:
             rows.append([target.text, target.bound, number(value), "met" if target.met(value) else "missed"])
     return ["target", "bound", "measured", ""], rows
+
+
+def instruction_rows(rows):
+    return [[row["what"], cell(row["instructions"])] for row in rows]
+
+
+def small_part_rows(rows):
+    return [[row["what"], cell(row["nanoseconds"])] for row in rows]
