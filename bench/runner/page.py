@@ -8,7 +8,6 @@ from targets import TARGETS, number
 
 FIGURES = "figures"
 TARGET_LIST = "targets"
-NO_FIGURES = "No figures yet: `bench/run --page` puts them here."
 
 
 def markers(block):
