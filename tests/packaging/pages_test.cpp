@@ -24,9 +24,9 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-const std::vector<std::string> kPages = {"CHANGELOG.md",        "CONTRIBUTING.md", "LICENSE.md",
-                                         "SECURITY.md",         "docs/abi.md",     "docs/command-line.md",
-                                         "packaging/README.md", "README.md"};
+const std::vector<std::string> kPages = {"CHANGELOG.md",        "CONTRIBUTING.md",     "LICENSE.md",
+                                         "SECURITY.md",         "docs/abi.md",         "docs/command-line.md",
+                                         "docs/performance.md", "packaging/README.md", "README.md"};
 
 std::string exchanged(std::string text, const std::string& piece, const std::string& other)
 {
@@ -187,6 +187,37 @@ TEST_F(PagesTest, WhatContributorsAreToldToRunIsThere)
                              "tests/unit/mdc_hlp_url_file.cpp", ".clang-format", ".clang-tidy"}) {
         EXPECT_TRUE(fs::exists(kSource + "/" + path)) << path;
         EXPECT_THAT(readFile(kSource + "/CONTRIBUTING.md"), HasSubstr(fs::path(path).stem().string()));
+    }
+}
+
+// The benchmark is not built here: its own preset tests that it does what the page says.
+TEST_F(PagesTest, TheBenchmarkHasTheOptionsThatItsPageTells)
+{
+    const std::string help = runToEnd({kSource + "/bench/run", "--help"}).out;
+    std::size_t options = 0;
+    for (const std::string& fence : fences("docs/performance.md", "sh")) {
+        std::istringstream lines(fence);
+        for (std::string line; std::getline(lines, line);) {
+            std::istringstream words(line);
+            std::string word;
+            words >> word;
+            EXPECT_EQ(word, "bench/run");
+            while (words >> word) {
+                if (word.rfind("--", 0) == 0) {
+                    EXPECT_THAT(help, HasSubstr("\n  " + word + " ")) << line;
+                    ++options;
+                }
+            }
+        }
+    }
+    EXPECT_GE(options, 4U);
+    for (const std::string& command : quoted("docs/performance.md", "bench/run --")) {
+        EXPECT_THAT(help, HasSubstr("\n  " + command.substr(10) + " ")) << command;
+    }
+    for (const char* made : {"targets", "figures"}) {
+        const std::string page = readFile(kSource + "/docs/performance.md");
+        const std::size_t begin = page.find("<!-- made: " + std::string(made) + " -->");
+        EXPECT_LT(begin, page.find("<!-- end: " + std::string(made) + " -->")) << made;
     }
 }
 
