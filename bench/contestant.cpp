@@ -153,7 +153,7 @@ std::vector<long long> seekOffsets(const Options& options, std::size_t room)
     if (last < 0) {
         throw std::runtime_error("no room for seeks: --size");
     }
-    std::mt19937_64 random(20); // NOLINT: the same for all
+    std::mt19937_64 random(20); // the same for all
     std::vector<long long> offsets;
     for (int i = 0; i < options.count; ++i) {
         offsets.push_back(static_cast<long long>(random() % static_cast<unsigned long long>(last + 1)));

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <future>
 #include <mdc_hlp_http_access.h>
 #include <mdc_hlp_url_base.h>
 #include <stdexcept>
@@ -189,22 +190,32 @@ void readBesideResting(const Options& options, Report& report)
 class BusyReader
 {
 public:
-    BusyReader(const Options& options, Report& report)
-        : m_thread([this, &options, &report] { readUntilStopped(options, report); })
+    explicit BusyReader(const Options& options)
+        : m_done(std::async(std::launch::async, [this, &options] { readUntilStopped(options); }))
     {
     }
-    ~BusyReader()
-    {
-        m_stop = true;
-        m_thread.join();
-    }
+    ~BusyReader() { m_stop = true; } // and m_done waits
     BusyReader(const BusyReader&) = delete;
     BusyReader& operator=(const BusyReader&) = delete;
 
-    long long bytes() const { return m_bytes; }
+    void waitUntilReading()
+    {
+        while (m_bytes == 0) {
+            expectReads();
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+
+    // Throws what ended it.
+    void expectReads()
+    {
+        if (m_done.wait_for(std::chrono::seconds(0)) == std::future_status::ready) {
+            m_done.get();
+        }
+    }
 
 private:
-    void readUntilStopped(const Options& options, Report& /*report*/)
+    void readUntilStopped(const Options& options)
     {
         std::vector<unsigned char> block(options.block);
         while (!m_stop) {
@@ -221,7 +232,7 @@ private:
 
     std::atomic<bool> m_stop{false};
     std::atomic<long long> m_bytes{0};
-    std::thread m_thread; // last: it uses the others
+    std::future<void> m_done; // last: what it runs uses the others
 };
 
 template <class Call>
@@ -237,12 +248,10 @@ void callBesideBusy(const Options& options, Report& report)
 {
     std::vector<std::unique_ptr<BusyReader>> readers;
     for (int i = 0; i < options.streams; ++i) {
-        readers.push_back(std::make_unique<BusyReader>(options, report));
+        readers.push_back(std::make_unique<BusyReader>(options));
     }
     for (const std::unique_ptr<BusyReader>& reader : readers) {
-        while (reader->bytes() == 0) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
+        reader->waitUntilReading();
     }
     std::vector<unsigned char> block(options.block);
     LibraryStream stream(options);
@@ -257,6 +266,9 @@ void callBesideBusy(const Options& options, Report& report)
     }
     report.stop();
     stream.close();
+    for (const std::unique_ptr<BusyReader>& reader : readers) {
+        reader->expectReads();
+    }
 }
 
 void receiveDatagrams(const Options& options, Report& report)

@@ -63,6 +63,10 @@ class Series:
     def add(self, sample):
         self.samples.append(sample)
 
+    def figures(self):
+        """The names of all that there are."""
+        return list(figures_of(self.samples[0])) if self.samples else []
+
     def values(self, figure):
         return [figures_of(sample).get(figure) for sample in self.samples]
 

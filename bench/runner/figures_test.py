@@ -2,14 +2,17 @@
 
 import os
 import re
+import shutil
 import subprocess
 import sys
+import tempfile
 import unittest
 
 import catalogue
 import main
 import page
 import plots
+import tables
 from figures import Series, figures_of, median, ratio
 from targets import TARGETS, Target, number
 
@@ -108,7 +111,21 @@ class TargetTest(unittest.TestCase):
             self.assertTrue((target.most is None) != (target.least is None), target.text)
 
     def test_numbers_are_short(self):
-        self.assertEqual([number(value) for value in (None, 20000, 1.125, 36824.2)], ["-", "20,000", "1.12", "36,824"])
+        self.assertEqual([number(value) for value in (None, 20000, 1.124, 36824.2, 0.001)],
+                         ["-", "20,000", "1.12", "36,824", "0.001"])
+
+
+class TableTest(unittest.TestCase):
+    def test_the_ratios_are_to_each_baseline_that_ran(self):
+        load = catalogue.Load("x", "X", [], baselines=["curl", "socket"])
+        ran = {"mdch": series(sample(user=1.25)), "curl": series(sample())}
+        headings, rows = tables.ratio_rows(load, ran)
+        self.assertEqual(headings, ["", "CPU/curl", "MB/s/curl", "switches/curl", "peak/curl"])
+        self.assertEqual(rows, [["mdch", "2", "1", "1", "1"], ["curl", "1", "1", "1", "1"]])
+        self.assertEqual(tables.ratio_rows(load, {"mdch": series(sample())})[1], [])
+
+    def test_columns_are_aligned(self):
+        self.assertEqual(tables.aligned(["", "CPU"], [["a", "1.25"], ["bcd", "7"]]), "      CPU\na    1.25\nbcd     7")
 
 
 class PlotTest(unittest.TestCase):
@@ -126,6 +143,28 @@ class PageTest(unittest.TestCase):
         text = "before\n%s\nold\n%s\nbehind\n" % (begin, end)
         self.assertEqual(page.block_of(text, "x"), "old")
         self.assertEqual(page.with_block(text, "x", "new\n"), text.replace("old", "new"))
+
+    def test_the_figures_of_a_run_come_into_the_page(self):
+        load = catalogue.Load("http-32k", "Title", [])
+        run = main.Run(rounds=3, date="2000-01-01", machine="a machine", versions=["libcurl 1"], short=True,
+                       loads=[(load, True)], outcome={("http-32k", True): {"mdch": series(sample(user=0.5)),
+                                                                           "curl": series(sample())}},
+                       instructions=[{"what": "mdch, per KiB", "instructions": 12.0}])
+        with tempfile.TemporaryDirectory() as folder:
+            drawn = plots.draw_all(run.outcome, folder)
+            self.assertEqual([os.path.basename(file) for file in drawn], ["cpu.svg", "throughput.svg"])
+            copy = os.path.join(folder, "performance.md")
+            shutil.copy(os.path.join(ROOT, main.PAGE), copy)
+            page.rewrite(copy, run, drawn)
+            with open(copy) as file:
+                text = page.block_of(file.read(), page.FIGURES)
+            with open(os.path.join(folder, "performance-cpu.svg")) as file:
+                self.assertIn("seconds per GiB", file.read())
+        for piece in ("a machine", "libcurl 1", "3 rounds of a short run", "](performance-cpu.svg)",
+                      "### Title, a core each", "| mdch | 1.250 | 1.000 | 0.250 |", "| mdch | 1.25 | 1 | 1 | 1 |",
+                      "| http, 32 KiB, pinned: CPU of both sides, to libcurl | ≤ 1.10 | 1.25 | missed |",
+                      "| mdch, per KiB | 12.0 |"):
+            self.assertIn(piece, text)
 
     def test_the_page_shows_the_targets(self):
         self.assertEqual(page.block_of(read(main.PAGE), page.TARGET_LIST), page.target_list())

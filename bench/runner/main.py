@@ -4,6 +4,7 @@ import argparse
 import json
 import os
 import platform
+import signal
 import subprocess
 import sys
 import time
@@ -23,6 +24,16 @@ EXTRAS = {"instructions": "Instructions of the client per KiB, and of a trace li
           "parts": "The small parts: ring buffer, header lines, URLs, playlist"}
 
 
+def load_as_json(load, pinned, series):
+    """Of each entrant the medians, the ratios to each baseline, and every run."""
+    return {"load": load.name, "pinned": pinned, "entrants": {
+        name: {"medians": {figure: runs.median(figure) for figure in runs.figures()},
+               "ratios": {baseline: {figure: runs.ratio(figure, series[baseline]) for figure in runs.figures()}
+                          for baseline in load.baselines if baseline in series},
+               "runs": runs.samples}
+        for name, runs in series.items()}}
+
+
 @dataclass
 class Run:
     """All that was measured."""
@@ -31,6 +42,7 @@ class Run:
     date: str
     machine: str
     versions: List[str]
+    short: bool = False  # --quick
     loads: List[Tuple[catalogue.Load, bool]] = field(default_factory=list)  # and whether pinned
     outcome: Dict = field(default_factory=dict)  # series by entrant, by load and whether pinned
     instructions: List[dict] = field(default_factory=list)
@@ -40,9 +52,8 @@ class Run:
     def as_json(self):
         targets = tables.target_rows(self.outcome)[1]
         return {"date": self.date, "machine": self.machine, "versions": self.versions, "rounds": self.rounds,
-                "loads": [{"load": name, "pinned": pinned,
-                           "entrants": {entrant: runs.samples for entrant, runs in series.items()}}
-                          for (name, pinned), series in self.outcome.items()],
+                "short": self.short,
+                "loads": [load_as_json(load, pinned, self.outcome[load.name, pinned]) for load, pinned in self.loads],
                 "instructions": self.instructions, "parts": self.small_parts,
                 "targets": [dict(zip(("target", "bound", "measured", "verdict"), row)) for row in targets],
                 "failures": self.failures}
@@ -86,9 +97,10 @@ def said(text):
         sys.stderr.flush()
 
 
-def show(title, headings, rows):
+def show(title, *shown):
+    """Tables, each of headings and rows."""
     said("")
-    print("== %s\n%s\n" % (title, tables.aligned(headings, rows)), flush=True)
+    print("== %s\n%s\n" % (title, "\n\n".join(tables.aligned(*table) for table in shown)), flush=True)
 
 
 def machine():
@@ -117,18 +129,18 @@ def run_loads(run, loads, options, tried):
             series = tried.measure(load, pinned, run.rounds, run.failures, said)
             run.loads.append((load, pinned))
             run.outcome[load.name, pinned] = series
-            show("%s (%s)" % (tables.title_of(load, pinned), load.name), *tables.rows_of(load, series))
+            show("%s (%s)" % (tables.title_of(load, pinned), load.name), *tables.tables_of(load, series))
 
 
 def run_extras(run, folder, server, options):
     try:
         if is_chosen("instructions", options.load):
             run.instructions = extras.count_instructions(folder, server, (32,) if options.quick else (4, 32, 256), said)
-            show("Instructions of the client (instructions)", ["", "instructions"],
-                 tables.instruction_rows(run.instructions))
+            show("Instructions of the client (instructions)",
+                 (["", "instructions"], tables.instruction_rows(run.instructions)))
         if is_chosen("parts", options.load):
             run.small_parts = extras.small_parts(folder, run.rounds, said)
-            show("Small parts (parts)", ["", "ns"], tables.small_part_rows(run.small_parts))
+            show("Small parts (parts)", (["", "ns"], tables.small_part_rows(run.small_parts)))
     except (extras.ExtraFailed, OSError) as failure:
         run.failures.append(str(failure))
 
@@ -138,7 +150,7 @@ def finish(run, folder, options):
     os.makedirs(results, exist_ok=True)
     rows = tables.target_rows(run.outcome)
     if rows[1]:
-        show("Targets", *rows)
+        show("Targets", rows)
     with open(os.path.join(results, "results.json"), "w") as file:
         json.dump(run.as_json(), file, indent=1)
     drawn = plots.draw_all(run.outcome, results)
@@ -150,6 +162,8 @@ def finish(run, folder, options):
 
 
 def main():
+    # As Ctrl-C: the server goes, too.
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     options = arguments(sys.argv[1:])
     scale = catalogue.QUICK if options.quick else catalogue.FULL
     loads = catalogue.all_loads(scale)
@@ -160,7 +174,7 @@ def main():
     check_names(options.load, [load.name for load in loads] + list(EXTRAS))
     folder = "build/bench"
     run = Run(rounds=options.rounds or scale.rounds, date=time.strftime("%Y-%m-%d"), machine=machine(),
-              versions=versions())
+              versions=versions(), short=options.quick)
     busy = os.getloadavg()[0]
     if busy > 0.5:
         print("The machine is busy (load %.1f): trust the ratios at most.\n" % busy)

@@ -9,7 +9,6 @@ from targets import TARGETS, number
 FIGURES = "figures"
 TARGET_LIST = "targets"
 
-
 def markers(block):
     return "<!-- made: %s -->" % block, "<!-- end: %s -->" % block
 
@@ -30,13 +29,13 @@ def target_list():
 
 def figures(run, plots):
     """run: see main.Run. plots: the names of the pictures beside the page."""
-    parts = ["Measured on %s: %s; %s. Each figure is a median of %d rounds." % (
-        run.date, run.machine, ", ".join(run.versions), run.rounds)]
-    parts += ["![%s](%s)" % (name, name) for name in plots]
+    parts = ["Measured on %s: %s; %s. Each figure is a median of %d rounds%s." % (
+        run.date, run.machine, ", ".join(run.versions), run.rounds, " of a short run" if run.short else "")]
+    parts += ["![%s](%s)" % (os.path.splitext(name)[0], name) for name in plots]
     parts.append("### Targets, measured\n\n" + tables.markdown(*tables.target_rows(run.outcome)))
     for load, pinned in run.loads:
-        parts.append("### %s\n\n%s" % (tables.title_of(load, pinned), tables.markdown(
-            *tables.rows_of(load, run.outcome[load.name, pinned]))))
+        parts.append("### " + tables.title_of(load, pinned))
+        parts += [tables.markdown(*table) for table in tables.tables_of(load, run.outcome[load.name, pinned])]
     if run.instructions:
         parts.append("### Instructions of the client\n\n" + tables.markdown(
             ["", "instructions"], tables.instruction_rows(run.instructions)))

@@ -6,6 +6,9 @@ from targets import TARGETS, number
 COLUMNS = [("CPU s", "cpu"), ("client", "client"), ("server", "server"), ("MB/s", "throughput"),
            ("switches/GiB", "switches_per_gib"), ("preempted", "preempted"), ("peak MiB", "peak_mib")]
 
+# What ratios are of, with its heading.
+RATIOS = [("CPU", "cpu"), ("MB/s", "throughput"), ("switches", "switches_per_gib"), ("peak", "peak_mib")]
+
 HEADINGS = {
     "seek_median_us": "seek µs", "seek_most_us": "most", "open_median_us": "open µs", "connections": "connections",
     "threads": "threads", "kb_per_stream": "KB/stream", "us_per_packet": "µs/packet", "drop_share": "dropped",
@@ -20,20 +23,24 @@ def cell(value):
             else "%.0f") % value
 
 
-def rows_of(load, series):
-    """Headings and rows of text."""
+def figure_rows(load, series):
+    """Headings and rows of text: the medians."""
     columns = COLUMNS + [(HEADINGS[figure], figure) for figure in load.columns]
+    return ([""] + [heading for heading, _ in columns],
+            [[name] + [cell(runs.median(figure)) for _, figure in columns] for name, runs in series.items()])
+
+
+def ratio_rows(load, series):
+    """Headings and rows of text: the ratios to each baseline. No rows where there is nobody to compare with."""
     baselines = [name for name in load.baselines if name in series]
-    headings = [""] + [heading for heading, _ in columns]
-    for name in baselines:
-        headings += ["CPU/" + name, "MB/s/" + name]
-    rows = []
-    for name, runs in series.items():
-        row = [name] + [cell(runs.median(figure)) for _, figure in columns]
-        for baseline in baselines:
-            row += [number(runs.ratio("cpu", series[baseline])), number(runs.ratio("throughput", series[baseline]))]
-        rows.append(row)
-    return headings, rows
+    headings = [""] + ["%s/%s" % (heading, name) for name in baselines for heading, _ in RATIOS]
+    return headings, [[name] + [number(runs.ratio(figure, series[baseline])) for baseline in baselines
+                                for _, figure in RATIOS]
+                      for name, runs in series.items()] if baselines else []
+
+
+def tables_of(load, series):
+    return [(headings, rows) for headings, rows in (figure_rows(load, series), ratio_rows(load, series)) if rows]
 
 
 def aligned(headings, rows):

@@ -52,7 +52,9 @@ def number(value):
         return "-"
     if value == int(value) and abs(value) < 1e15:
         return "{:,}".format(int(value))
-    return "%.2f" % value if abs(value) < 1000 else "{:,.0f}".format(value)
+    if abs(value) >= 1000:
+        return "{:,.0f}".format(value)
+    return ("%.2f" if abs(value) >= 0.01 else "%.4g") % value
 
 
 BOTH = "CPU of both sides, to libcurl"
