@@ -4,7 +4,7 @@ import os
 import shutil
 
 import tables
-from targets import TARGETS, number
+from targets import TARGETS
 
 FIGURES = "figures"
 TARGET_LIST = "targets"
