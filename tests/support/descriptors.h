@@ -1,7 +1,9 @@
 // The process's open descriptors.
 #pragma once
 
+#include <algorithm>
 #include <climits>
+#include <cstddef>
 #include <dirent.h>
 #include <map>
 #include <memory>
@@ -23,6 +25,15 @@ inline std::map<int, std::string> openDescriptors()
         }
     }
     return all;
+}
+
+// Sockets and pipes of the process: what an engine opens. (The servers in this process have other kinds, too.)
+inline std::size_t openChannels()
+{
+    const auto all = openDescriptors();
+    return static_cast<std::size_t>(std::count_if(all.begin(), all.end(), [](const auto& entry) {
+        return entry.second.rfind("socket:", 0) == 0 || entry.second.rfind("pipe:", 0) == 0;
+    }));
 }
 
 // The descriptor that has a file open, or -1.

@@ -76,6 +76,13 @@ public:
         std::string connectStatusLine = "HTTP/1.1 200 Connection established";
         std::vector<std::string> connectLines;
         bool hangUp = false;
+        struct Hold
+        {
+            std::uint64_t bytes;
+            Gate gate;
+        };
+        std::optional<Hold> hold;
+        std::optional<std::uint64_t> garbled;
     };
     struct Counts
     {
@@ -133,7 +140,8 @@ private:
     void serve(Connection& connection);
     bool refuse(Connection& connection, const Request& request, int status, const Settings& settings);
     void tunnel(Connection& connection, const Settings& settings, int origin, const std::string& rest);
-    void forward(Connection& connection, const Request& request, int origin);
+    void forward(Connection& connection, const Settings& settings, const Request& request, int origin);
+    static void disturb(Relay& relay, const Settings& settings);
 
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
@@ -195,7 +203,7 @@ void HttpProxy::Impl::serve(Connection& connection)
         if (connect) {
             tunnel(connection, settings, originTransport.fd(), reader.takeRest());
         } else {
-            forward(connection, *request, originTransport.fd());
+            forward(connection, settings, *request, originTransport.fd());
         }
         return;
     }
@@ -227,16 +235,29 @@ void HttpProxy::Impl::tunnel(Connection& connection, const Settings& settings, i
         ++counts.openTunnels;
     });
     Relay relay(connection.transport().fd(), origin, connection.interrupt());
+    disturb(relay, settings);
     relay.sendToOrigin(rest);
     relay.sendToClient(head + "\r\n");
     relay.run();
     count([](Counts& counts) { --counts.openTunnels; });
 }
 
-void HttpProxy::Impl::forward(Connection& connection, const Request& request, int origin)
+void HttpProxy::Impl::disturb(Relay& relay, const Settings& settings)
+{
+    if (settings.hold) {
+        relay.holdAt(settings.hold->bytes, settings.hold->gate);
+    }
+    if (settings.garbled) {
+        relay.garble(*settings.garbled);
+    }
+}
+
+void HttpProxy::Impl::forward(Connection& connection, const Settings& settings, const Request& request,
+                              int origin)
 {
     count([](Counts& counts) { ++counts.forwards; });
     Relay relay(connection.transport().fd(), origin, connection.interrupt());
+    disturb(relay, settings);
     relay.sendToOrigin(originRequest(request));
     relay.ignoreClient();
     relay.run();
@@ -278,6 +299,34 @@ void HttpProxy::connectStatusLine(std::string line)
 void HttpProxy::hangUp(bool on)
 {
     impl_->change([&](Impl::Settings& settings) { settings.hangUp = on; });
+}
+
+void HttpProxy::holdAt(std::uint64_t bytes, Gate gate)
+{
+    impl_->change([&](Impl::Settings& settings) { settings.hold = {bytes, std::move(gate)}; });
+}
+
+void HttpProxy::garble(std::uint64_t position)
+{
+    impl_->change([&](Impl::Settings& settings) { settings.garbled = position; });
+}
+
+void HttpProxy::passOnEverything()
+{
+    impl_->change([](Impl::Settings& settings) {
+        settings.hold.reset();
+        settings.garbled.reset();
+    });
+}
+
+void HttpProxy::dropConnections()
+{
+    impl_->pool().interruptAll(false);
+}
+
+void HttpProxy::resetConnections()
+{
+    impl_->pool().interruptAll(true);
 }
 
 std::uint16_t HttpProxy::port() const

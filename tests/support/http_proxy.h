@@ -3,6 +3,7 @@
 // exist and nothing leaves the machine.
 #pragma once
 
+#include "support/gate.h"
 #include "support/request.h"
 #include "support/wait.h"
 
@@ -35,6 +36,18 @@ public:
     void connectStatusLine(std::string line);
     // Ends the connection without an answer.
     void hangUp(bool on = true);
+
+    // What goes to the client on each connection from now on, the answer to CONNECT included:
+    // Exactly so many bytes, and the others when the gate is open.
+    void holdAt(std::uint64_t bytes, Gate gate);
+    // The byte at that position with all its bits turned; the connection ends behind the part that it came with, as the
+    // client may wait for any number of bytes then.
+    void garble(std::uint64_t position);
+    // Everything as it should be.
+    void passOnEverything();
+
+    void dropConnections();  // closes the clients' that are open, in good order
+    void resetConnections(); // ... with a reset
 
     std::uint16_t port() const;
     std::string host() const { return "127.0.0.1"; }

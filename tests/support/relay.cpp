@@ -1,5 +1,6 @@
 #include "support/relay.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 
@@ -36,23 +37,51 @@ bool Relay::takeIn(int from, std::string& pending)
     return got >= 0 || wouldBlock();
 }
 
-bool Relay::passOn(int to, std::string& pending)
+bool Relay::passOn(int to, std::string& pending, std::size_t most)
 {
-    const ssize_t sent = send(to, pending.data(), pending.size(), MSG_NOSIGNAL);
+    const ssize_t sent = send(to, pending.data(), std::min(pending.size(), most), MSG_NOSIGNAL);
     if (sent > 0) {
         pending.erase(0, static_cast<std::size_t>(sent));
     }
     return sent >= 0 || wouldBlock();
 }
 
+bool Relay::passOnToClient()
+{
+    const bool isGarbledHere =
+        garbled_ && *garbled_ >= sentToClient_ && *garbled_ - sentToClient_ < toClient_.size();
+    if (isGarbledHere && !hasGarbled_) {
+        char& byte = toClient_[static_cast<std::size_t>(*garbled_ - sentToClient_)];
+        byte = static_cast<char>(~byte);
+        hasGarbled_ = true;
+    }
+    const std::uint64_t most = isBeforeHold() ? hold_->bytes - sentToClient_ : toClient_.size();
+    const std::size_t before = toClient_.size();
+    if (!passOn(client_, toClient_, static_cast<std::size_t>(std::min<std::uint64_t>(most, before)))) {
+        return false;
+    }
+    sentToClient_ += before - toClient_.size();
+    arriveAtHold();
+    return !hasGarbled_ || !toClient_.empty();
+}
+
+void Relay::arriveAtHold()
+{
+    if (hold_ && !hasArrived_ && sentToClient_ == hold_->bytes) {
+        hasArrived_ = true;
+        hold_->gate.arrive();
+    }
+}
+
 void Relay::run()
 {
-    while (!ended_ || !toOrigin_.empty() || !toClient_.empty()) {
-        std::array<pollfd, 3> entries{
-            entryFor(client_, !ended_ && fromClient_ && toOrigin_.empty(), !toClient_.empty()),
+    arriveAtHold();
+    while (isHeld() || !ended_ || !toOrigin_.empty() || !toClient_.empty()) {
+        std::array<pollfd, 4> entries{
+            entryFor(client_, !ended_ && fromClient_ && toOrigin_.empty(), !toClient_.empty() && !isHeld()),
             entryFor(origin_, !ended_ && toClient_.empty(), !toOrigin_.empty()),
-            pollfd{interrupt_.fd(), POLLIN, 0}};
-        if (!fromClient_) {
+            pollfd{interrupt_.fd(), POLLIN, 0}, pollfd{isHeld() ? hold_->gate.fd() : -1, POLLIN, 0}};
+        if (!fromClient_ || isHeld()) {
             entries[0].fd = client_;
             entries[0].events = static_cast<short>(entries[0].events | POLLRDHUP);
         }
@@ -69,7 +98,7 @@ void Relay::run()
         const auto writable = [](const pollfd& entry) { return (entry.revents & POLLOUT) != 0; };
         if ((readable(entries[0]) && !takeIn(client_, toOrigin_)) ||
             (readable(entries[1]) && !takeIn(origin_, toClient_)) ||
-            (writable(entries[0]) && !passOn(client_, toClient_)) ||
+            (writable(entries[0]) && !passOnToClient()) ||
             (writable(entries[1]) && !passOn(origin_, toOrigin_))) {
             return;
         }

@@ -288,6 +288,12 @@ Reply& Reply::close(At where)
     return *this;
 }
 
+Reply& Reply::cut(At where)
+{
+    steps_.push_back({where, Action::Cut, std::nullopt});
+    return *this;
+}
+
 Reply& Reply::reset(At where)
 {
     steps_.push_back({where, Action::Reset, std::nullopt});

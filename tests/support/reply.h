@@ -151,6 +151,7 @@ public:
     Reply& wait(At where, Gate gate);   // go on when the test opens the gate
     Reply& stall(At where);             // stop there until the server is destroyed
     Reply& close(At where);             // end the connection in good order there
+    Reply& cut(At where);               // as close(), without TLS's word that it is the end
     Reply& reset(At where);             // end it with a reset
     Reply& pieces(std::uint64_t bytes); // at most so many bytes per send
     Reply& throttle(std::uint64_t bytesPerSecond);
@@ -172,6 +173,7 @@ private:
         Wait,
         Stall,
         Close,
+        Cut,
         Reset
     };
     struct Step

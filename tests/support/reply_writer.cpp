@@ -175,6 +175,10 @@ bool ReplyWriter::run(const ReplyPlan::Step& step)
         transport_.close();
         ended_ = true;
         return false;
+    case ReplyPlan::Action::Cut:
+        transport_.close(Transport::Farewell::None);
+        ended_ = true;
+        return false;
     case ReplyPlan::Action::Reset:
         transport_.reset();
         ended_ = true;

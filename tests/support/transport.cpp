@@ -181,12 +181,12 @@ void Transport::setSendBuffer(int bytes)
     setsockopt(socket_.get(), SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
 }
 
-void Transport::close()
+void Transport::close(Farewell farewell)
 {
     if (!socket_) {
         return;
     }
-    if (ssl_) {
+    if (ssl_ && farewell == Farewell::Tls) {
         ERR_clear_error();
         SSL_shutdown(ssl_.get());
     }

@@ -44,7 +44,12 @@ public:
     SSL* tls() const { return ssl_.get(); }
 
     void setSendBuffer(int bytes);
-    void close();
+    enum class Farewell
+    {
+        Tls, // on a TLS connection the close-notify, as is proper
+        None
+    };
+    void close(Farewell farewell = Farewell::Tls);
     void reset();
     int fd() const { return socket_.get(); }
 

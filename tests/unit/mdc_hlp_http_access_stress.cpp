@@ -1,11 +1,11 @@
 // Many streams, many threads: nothing is left behind, nobody waits long.
 
+#include "support/descriptors.h"
 #include "support/engine.h"
 #include "support/http_server.h"
 #include "support/slow_names.h"
 
 #include <atomic>
-#include <filesystem>
 #include <future>
 #include <gtest/gtest.h>
 #include <random>
@@ -17,24 +17,12 @@ using md::HttpAccess;
 using support::HttpServer;
 using support::inspect;
 using support::Media;
+using support::openChannels;
 using support::Reply;
 using support::waitUntil;
 
 const Media kMedia(13);
 constexpr std::uint64_t kMegabyte = 1U << 20U;
-
-// Sockets and pipes of the process: what an engine opens. (The server in this process has other kinds.)
-std::size_t openChannels()
-{
-    namespace fs = std::filesystem;
-    std::size_t count = 0;
-    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
-        std::error_code gone; // the iteration's own descriptor, for one
-        const std::string target = fs::read_symlink(entry.path(), gone).string();
-        count += target.rfind("socket:", 0) == 0 || target.rfind("pipe:", 0) == 0 ? 1 : 0;
-    }
-    return count;
-}
 
 class Stress : public testing::Test
 {

@@ -1,0 +1,212 @@
+/*
+ * Connections that end after any number of a response's bytes, in several ways, as sweeps need them: a server, what
+ * stands between it and the stream, and what must hold after each fault.
+ */
+#ifndef SUPPORT_FAULT_SWEEP_H
+#define SUPPORT_FAULT_SWEEP_H
+
+#include "mdc_hlp_httpproxy.h"
+#include "support/certificates.h"
+#include "support/descriptors.h"
+#include "support/http_client.h"
+#include "support/http_proxy.h"
+#include "support/http_server.h"
+#include "support/wire.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace support {
+
+/* How the bytes travel. */
+enum class Way
+{
+    Plain,
+    Tls,
+    Forwarded, // by a proxy
+    Tunnelled  // TLS through a proxy
+};
+
+inline std::string nameOf(const testing::TestParamInfo<Way>& info)
+{
+    switch (info.param) {
+    case Way::Plain:
+        return "plain";
+    case Way::Tls:
+        return "tls";
+    case Way::Forwarded:
+        return "forwarded";
+    default:
+        return "tunnelled";
+    }
+}
+
+/* How a connection ends before its time. */
+enum class End
+{
+    Closed, // in good order
+    Cut,    // without TLS's word that this is the end, which anybody on the way can do
+    Reset
+};
+
+class FaultSweep : public testing::TestWithParam<Way>
+{
+protected:
+    FaultSweep()
+    {
+        if (isTls()) {
+            m_server = std::make_unique<HttpServer>(Tls());
+        } else {
+            m_server = std::make_unique<HttpServer>();
+        }
+        if (isProxied()) {
+            m_proxy = std::make_unique<HttpProxy>();
+            md::httpProxyInfo_struct info;
+            info.host = m_proxy->host();
+            info.port = m_proxy->port();
+            md::setHttpProxyInfo(info, true, false);
+        }
+        m_server->on("/good", Reply().body("good"));
+        m_server->on("/last", Reply().body("good").closeConnection());
+        HttpStream warmUp; // libraries open files of their own, once
+        prepare(warmUp);
+        EXPECT_EQ(warmUp.fetch(m_server->url("/last")), "good");
+        warmUp.close();
+        md::HttpAccess::shutdown();
+        EXPECT_TRUE(m_server->waitForOpenConnections(0));
+        m_channels = openChannels();
+    }
+    ~FaultSweep() override { md::setHttpProxyInfo({}, false, false); }
+
+    void TearDown() override
+    {
+        md::HttpAccess::shutdown();
+        EXPECT_TRUE(m_server->waitForOpenConnections(0));
+        EXPECT_TRUE(waitUntil([this] { return openChannels() == m_channels; }))
+            << openChannels() << " descriptors are open, " << m_channels << " were";
+    }
+
+    bool isTls() const { return GetParam() == Way::Tls || GetParam() == Way::Tunnelled; }
+    bool isProxied() const { return GetParam() == Way::Forwarded || GetParam() == Way::Tunnelled; }
+
+    /* Whether the ways to end a connection can be had on one that an earlier request has used: a proxy closes behind a
+       forwarded response, and what it has passed on of an encrypted one when it ends a tunnel is not known. (A used
+       connection without a byte of an answer makes libcurl try again.) */
+    bool canReuse(End end) const
+    {
+        return GetParam() != Way::Forwarded && (GetParam() != Way::Tunnelled || end != End::Reset);
+    }
+    /* Whether requests go out on the connection that the stream before them left. */
+    void reuseConnections(bool on) { m_reuse = on; }
+
+    void prepare(HttpStream& stream) const
+    {
+        if (m_reuse) {
+            stream.setVerifyHost(false); // a list of one's own wants connections of one's own
+        } else {
+            stream.setCertificate(certificates().ca.certificate.get());
+        }
+    }
+
+    std::string url(const std::string& path) const { return m_server->url(path); }
+
+    /* A reply that gives exactly the first `count` bytes of the wire, and comes to the end when strike() says so. */
+    Reply cutShort(const Wire& wire, std::size_t count, End end)
+    {
+        m_gate = Gate();
+        m_end = end;
+        Reply reply = Reply::raw(wire.text()).keepOpen();
+        if (GetParam() == Way::Forwarded) {
+            m_proxy->holdAt(count, m_gate);
+            return reply;
+        }
+        reply.wait(At::bytes(count), m_gate);
+        if (strikesAtProxy()) {
+            return reply;
+        }
+        switch (end) {
+        case End::Closed:
+            return reply.close(At::bytes(count));
+        case End::Cut:
+            return reply.cut(At::bytes(count));
+        case End::Reset:
+            return reply.reset(At::bytes(count));
+        }
+        return reply;
+    }
+
+    /* Ends the connection. */
+    void strike()
+    {
+        if (!strikesAtProxy()) {
+            m_gate.open();
+            return;
+        }
+        if (m_end == End::Reset) {
+            m_proxy->resetConnections();
+        } else {
+            m_proxy->dropConnections();
+        }
+    }
+
+    /* The error of a transfer that ended so. */
+    int errorAfter(const Wire& wire, std::size_t count, End end) const
+    {
+        if (wire.tellsItsEnd(count)) {
+            return 0;
+        }
+        if (end == End::Reset) {
+            return MDCH_HTTP_ENETWORK;
+        }
+        if (count < wire.statusEnd()) {
+            return MDCH_HTTP_EUNKNOWN; // no answer at all
+        }
+        // Nothing of the body is missing when the last line feed is all that did not come; libcurl does not insist.
+        const bool isAllButALineFeed = wire.framing() == Framing::Chunked && count + 1 == wire.size();
+        const bool endsWithConnection = wire.framing() == Framing::ToTheEnd && wire.hasHead(count);
+        return isAllButALineFeed || endsWithConnection ? 0 : MDCH_HTTP_ETRANSFER;
+    }
+
+    /* The next stream on the same engine, with the same object or another, is well; nothing is left of it. */
+    void expectNextOpenWorks(std::unique_ptr<HttpStream> stream)
+    {
+        m_proxy != nullptr ? m_proxy->passOnEverything() : void();
+        const unsigned int variant = m_opens++ % 3;
+        if (variant == 0) {
+            stream->close();
+            stream = std::make_unique<HttpStream>();
+            prepare(*stream);
+        } else if (variant == 1 && !isTls()) { // which needs settings, and a closed stream takes none
+            EXPECT_EQ(stream->close(), 0);
+        }
+        EXPECT_EQ(stream->fetch(url(m_reuse ? "/good" : "/last")), "good");
+        EXPECT_EQ(stream->error(), 0);
+        EXPECT_EQ(stream->eof(), 1);
+        EXPECT_EQ(stream->tell(), 4);
+        stream.reset();
+        EXPECT_TRUE(waitForEmptyRegistry());
+        EXPECT_TRUE(m_server->waitForOpenConnections(m_reuse ? 1 : 0));
+    }
+
+    std::unique_ptr<HttpServer> m_server;
+    std::unique_ptr<HttpProxy> m_proxy;
+    Gate m_gate;
+
+private:
+    bool strikesAtProxy() const
+    {
+        return GetParam() == Way::Forwarded || (GetParam() == Way::Tunnelled && m_end == End::Reset);
+    }
+
+    End m_end = End::Closed;
+    bool m_reuse = false;
+    unsigned int m_opens = 0;
+    std::size_t m_channels = 0;
+};
+
+} // namespace support
+
+#endif
