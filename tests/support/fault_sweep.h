@@ -52,6 +52,12 @@ enum class End
     Reset
 };
 
+enum class Reader
+{
+    First, // has read all there is when the fault comes
+    Late   // reads behind it
+};
+
 class FaultSweep : public testing::TestWithParam<Way>
 {
 protected:
@@ -113,17 +119,23 @@ protected:
 
     std::string url(const std::string& path) const { return m_server->url(path); }
 
-    /* A reply that gives exactly the first `count` bytes of the wire, and comes to the end when strike() says so. */
-    Reply cutShort(const Wire& wire, std::size_t count, End end)
+    /* A reply that gives exactly the first `count` bytes of the wire, and the others when m_gate is open. */
+    Reply held(const Wire& wire, std::size_t count)
     {
         m_gate = Gate();
-        m_end = end;
-        Reply reply = Reply::raw(wire.text()).keepOpen();
+        Reply reply = Reply::raw(wire.text());
         if (GetParam() == Way::Forwarded) {
             m_proxy->holdAt(count, m_gate);
             return reply;
         }
-        reply.wait(At::bytes(count), m_gate);
+        return reply.wait(At::bytes(count), m_gate);
+    }
+
+    /* A reply that gives exactly the first `count` bytes of the wire, and comes to the end when strike() says so. */
+    Reply cutShort(const Wire& wire, std::size_t count, End end)
+    {
+        m_end = end;
+        Reply reply = held(wire, count).keepOpen();
         if (strikesAtProxy()) {
             return reply;
         }
@@ -152,6 +164,22 @@ protected:
         }
     }
 
+    /* Reads what stands in front of the fault, or waits until it is there to be read. */
+    void meetTheFault(HttpStream& stream, const Wire& wire, std::size_t count, Reader reader)
+    {
+        const auto bytes = static_cast<std::int64_t>(wire.bodyIn(count));
+        if (!wire.hasHead(count)) {
+            EXPECT_TRUE(m_gate.waitForArrivals());
+        } else if (reader == Reader::First && bytes > 0) {
+            EXPECT_EQ(stream.readSome(static_cast<unsigned int>(bytes)),
+                      wire.body().substr(0, wire.bodyIn(count)));
+        } else {
+            EXPECT_TRUE(waitForDescriptor(stream.number(), [bytes](auto& desc) {
+                return desc.headerComplete != 0 && desc.writePos == bytes;
+            }));
+        }
+    }
+
     /* The error of a transfer that ended so. */
     int errorAfter(const Wire& wire, std::size_t count, End end) const
     {
@@ -161,7 +189,7 @@ protected:
         if (end == End::Reset) {
             return MDCH_HTTP_ENETWORK;
         }
-        if (count < wire.statusEnd()) {
+        if (wire.isInStatusLine(count)) {
             return MDCH_HTTP_EUNKNOWN; // no answer at all
         }
         // Nothing of the body is missing when the last line feed is all that did not come; libcurl does not insist.

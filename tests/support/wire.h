@@ -49,7 +49,12 @@ public:
     const std::string& body() const { return body_; }
     std::size_t headSize() const { return head_; }
     std::size_t statusStart() const { return status_; } // of the response's own status line
-    std::size_t statusEnd() const { return text_.find('\n', status_) + 1; }
+    // Not one line has come whole of the response that these bytes end in.
+    bool isInStatusLine(std::size_t sent) const
+    {
+        const std::size_t start = sent < status_ ? 0 : status_;
+        return sent <= text_.find('\n', start);
+    }
     bool hasHead(std::size_t sent) const { return sent >= head_; }
 
     // Bytes of the body among the first `sent` of the response.

@@ -12,39 +12,25 @@ using support::End;
 using support::FaultSweep;
 using support::Framing;
 using support::HttpStream;
+using support::Reader;
 using support::Way;
 using support::Wire;
 
 const support::Media kMedia(31);
 constexpr std::size_t kSize = 40;
 
-enum class Reader
-{
-    First, // has read all there is when the fault comes
-    Late   // reads behind it
-};
-
 class Faults : public FaultSweep
 {
 protected:
-    // Reads what stands in front of the fault, or waits until it is there to be read.
-    void meetTheFault(HttpStream& stream, const Wire& wire, std::size_t count, Reader reader)
+    // What the responses before the wire's own have told.
+    struct Known
     {
-        const auto bytes = static_cast<std::int64_t>(wire.bodyIn(count));
-        if (!wire.hasHead(count)) {
-            EXPECT_TRUE(m_gate.waitForArrivals());
-        } else if (reader == Reader::First && bytes > 0) {
-            EXPECT_EQ(stream.readSome(static_cast<unsigned int>(bytes)),
-                      wire.body().substr(0, wire.bodyIn(count)));
-        } else {
-            EXPECT_TRUE(support::waitForDescriptor(stream.number(), [bytes](auto& desc) {
-                return desc.headerComplete != 0 && desc.writePos == bytes;
-            }));
-        }
-    }
+        int code = -1;
+        long long size = -1;
+    };
 
     // What the stream says and gives behind the fault.
-    static void expectFault(HttpStream& stream, const Wire& wire, std::size_t count, int error, Reader reader)
+    void expectFault(HttpStream& stream, const Wire& wire, std::size_t count, int error, Reader reader) const
     {
         const std::size_t bytes = wire.bodyIn(count);
         EXPECT_TRUE(stream.waitDone());
@@ -57,19 +43,24 @@ protected:
         EXPECT_EQ(stream.tell(), static_cast<long long>(bytes));
         EXPECT_EQ(stream.eof(), 1);
         EXPECT_EQ(stream.error(), error) << "the end of the bytes is not the end of the error";
-        const bool hasLength = wire.hasHead(count) && wire.framing() == Framing::Length;
-        EXPECT_EQ(stream.size(), hasLength ? static_cast<long long>(wire.body().size()) : -1);
-        EXPECT_EQ(stream.getResponseCode(), wire.hasHead(count) ? 200 : -1);
+        Known known = count >= wire.statusStart() ? m_before : Known();
+        if (wire.hasHead(count)) {
+            known.code = 200;
+            known.size = wire.framing() == Framing::Length ? static_cast<long long>(wire.body().size()) : -1;
+        }
+        EXPECT_EQ(stream.getResponseCode(), known.code);
+        EXPECT_EQ(stream.size(), known.size);
     }
 
-    void expectAfter(const Wire& wire, std::size_t count, End end, Reader reader)
+    void expectAfter(const Wire& wire, std::size_t count, End end, Reader reader,
+                     const std::string& path = "/faulty")
     {
         SCOPED_TRACE("after " + std::to_string(count) + " bytes of " + std::to_string(wire.size()) +
                      (reader == Reader::Late ? ", read late" : ""));
         m_server->on("/faulty", cutShort(wire, count, end));
         auto stream = std::make_unique<HttpStream>();
         prepare(*stream);
-        stream->start(url("/faulty"));
+        stream->start(url(path));
         meetTheFault(*stream, wire, count, reader);
         if (wire.tellsItsEnd(count)) {
             EXPECT_TRUE(stream->waitDone());
@@ -102,6 +93,8 @@ protected:
             }
         }
     }
+
+    Known m_before;
 };
 
 TEST_P(Faults, aConnectionClosedAtAnyByteGivesWhatCameAndSaysWhetherThatIsAll)
@@ -124,8 +117,36 @@ TEST_P(TlsFaults, aConnectionThatEndsWithoutTheWordOfTlsIsLikeAClosedOne)
     sweep(End::Cut);
 }
 
+class PlainFaults : public Faults
+{
+};
+
+// What came before the response proper is no response.
+TEST_P(PlainFaults, aConnectionThatEndsBehindAnInterimResponseIsNoEmptyBody)
+{
+    const Wire wire = Wire::make(Framing::Length, kMedia.bytes(0, kSize), "", {},
+                                 "HTTP/1.1 103 Early Hints\r\nLink: </a>\r\n\r\n");
+    m_before.code = 103;
+    for (std::size_t count = 0; count <= wire.size(); ++count) {
+        expectAfter(wire, count, End::Closed, Reader::First);
+        expectAfter(wire, count, End::Reset, Reader::First);
+    }
+}
+
+TEST_P(PlainFaults, aConnectionThatEndsBehindARedirectIsNoEmptyBody)
+{
+    m_server->on("/moved", support::Reply::redirect("/faulty"));
+    m_before = {302, 0};
+    const Wire wire = Wire::make(Framing::Length, kMedia.bytes(0, kSize));
+    for (std::size_t count = 0; count <= wire.size(); ++count) {
+        expectAfter(wire, count, End::Closed, Reader::First, "/moved");
+        expectAfter(wire, count, End::Reset, Reader::First, "/moved");
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(, Faults, testing::Values(Way::Plain, Way::Tls, Way::Forwarded, Way::Tunnelled),
                          support::nameOf);
+INSTANTIATE_TEST_SUITE_P(, PlainFaults, testing::Values(Way::Plain), support::nameOf);
 INSTANTIATE_TEST_SUITE_P(, TlsFaults, testing::Values(Way::Tls, Way::Tunnelled), support::nameOf);
 
 } // namespace
