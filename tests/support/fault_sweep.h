@@ -81,16 +81,14 @@ protected:
         prepare(warmUp);
         EXPECT_EQ(warmUp.fetch(m_server->url("/last")), "good");
         warmUp.close();
-        md::HttpAccess::shutdown();
-        EXPECT_TRUE(m_server->waitForOpenConnections(0));
+        endEverything();
         m_channels = openChannels();
     }
     ~FaultSweep() override { md::setHttpProxyInfo({}, false, false); }
 
     void TearDown() override
     {
-        md::HttpAccess::shutdown();
-        EXPECT_TRUE(m_server->waitForOpenConnections(0));
+        endEverything();
         EXPECT_TRUE(waitUntil([this] { return openChannels() == m_channels; }))
             << openChannels() << " descriptors are open, " << m_channels << " were";
     }
@@ -123,22 +121,23 @@ protected:
     Reply held(const Wire& wire, std::size_t count)
     {
         m_gate = Gate();
-        Reply reply = Reply::raw(wire.text());
+        const Reply reply = Reply::raw(wire.text());
         if (GetParam() == Way::Forwarded) {
             m_proxy->holdAt(count, m_gate);
             return reply;
         }
-        return reply.wait(At::bytes(count), m_gate);
+        return Reply(reply).wait(At::bytes(count), m_gate);
     }
 
     /* A reply that gives exactly the first `count` bytes of the wire, and comes to the end when strike() says so. */
     Reply cutShort(const Wire& wire, std::size_t count, End end)
     {
         m_end = end;
-        Reply reply = held(wire, count).keepOpen();
         if (strikesAtProxy()) {
-            return reply;
+            return held(wire, count).keepOpen();
         }
+        m_gate = Gate();
+        Reply reply = Reply::raw(wire.text()).wait(At::bytes(count), m_gate);
         switch (end) {
         case End::Closed:
             return reply.close(At::bytes(count));
@@ -153,14 +152,10 @@ protected:
     /* Ends the connection. */
     void strike()
     {
-        if (!strikesAtProxy()) {
-            m_gate.open();
-            return;
-        }
-        if (m_end == End::Reset) {
+        if (strikesAtProxy()) {
             m_proxy->resetConnections();
         } else {
-            m_proxy->dropConnections();
+            m_gate.open();
         }
     }
 
@@ -224,9 +219,14 @@ protected:
     Gate m_gate;
 
 private:
-    bool strikesAtProxy() const
+    // A proxy turns a server's reset into an end in good order.
+    bool strikesAtProxy() const { return isProxied() && m_end == End::Reset; }
+
+    void endEverything() const
     {
-        return GetParam() == Way::Forwarded || (GetParam() == Way::Tunnelled && m_end == End::Reset);
+        md::HttpAccess::shutdown();
+        EXPECT_TRUE(m_server->waitForOpenConnections(0));
+        EXPECT_TRUE(m_proxy == nullptr || m_proxy->waitForOpenConnections(0));
     }
 
     End m_end = End::Closed;

@@ -379,4 +379,9 @@ std::size_t HttpProxy::connectionCount() const
     return impl_->pool().accepted();
 }
 
+bool HttpProxy::waitForOpenConnections(std::size_t count, std::chrono::milliseconds deadline) const
+{
+    return impl_->pool().waitForOpen(count, deadline);
+}
+
 } // namespace support

@@ -63,6 +63,9 @@ public:
     std::size_t forwardCount() const; // absolute URLs forwarded
     std::size_t refusalCount() const; // 407 and the like, refused CONNECTs
     std::size_t connectionCount() const;
+    // Waits for exactly so many connections of clients.
+    bool waitForOpenConnections(std::size_t count,
+                                std::chrono::milliseconds deadline = defaultDeadline) const;
 
 private:
     class Impl;
