@@ -281,6 +281,18 @@ TEST_F(HttpHeaderBlock, BlocksWithBareLineFeedsEndLikeOthers)
                                           "Accept-Ranges: none\n", "Content-Length: 5\n"}));
 }
 
+// What a server sends that writes CR LF through a text mode.
+TEST_F(HttpHeaderBlock, BlocksWithACarriageReturnTooManyEndLikeOthers)
+{
+    server.on("/odd", Reply().lineEnd("\r\r\n").contentType("audio/mpeg").body("hello"));
+    HttpStream stream;
+    EXPECT_EQ(stream.fetch(server.url("/odd")), "hello");
+    EXPECT_EQ(stream.getResponseCode(), 200);
+    EXPECT_EQ(stream.size(), 5);
+    EXPECT_EQ(stream.eof(), 1);
+    EXPECT_EQ(stream.error(), 0) << "the header was not cut off";
+}
+
 TEST_F(HttpHeaderBlock, RedirectWithBareLineFeedsIsForgotten)
 {
     server.on("/moved", Reply::redirect("/there").lineEnd("\n").header("X-Old: 1"));

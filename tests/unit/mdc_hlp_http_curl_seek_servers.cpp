@@ -59,6 +59,18 @@ TEST_F(OddServer, thatIgnoresTheRangeHasItsLeadingBytesSkipped)
     expectRest(stream, 250'001);
 }
 
+TEST_F(OddServer, thatIgnoresTheRangeHasItsLeadingBytesSkippedWhateverItsLineEnd)
+{
+    for (const char* lineEnd : {"\n", "\r\r\n"}) {
+        const Reply whole = Reply::resource(kMedia, kSize).ignoreRanges().header("Accept-Ranges: bytes");
+        m_server.on("/", Reply(whole).lineEnd(lineEnd));
+        HttpStream stream;
+        open(stream);
+        EXPECT_EQ(stream.seek(250'001, 0), 0);
+        expectRest(stream, 250'001);
+    }
+}
+
 TEST_F(OddServer, thatIgnoresTheRangeIsNotSeekableAnyMore)
 {
     m_server.on("/", Reply::resource(kMedia, kSize).ignoreRanges().header("Accept-Ranges: bytes"));

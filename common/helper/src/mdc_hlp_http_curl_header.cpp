@@ -226,9 +226,11 @@ bool keepLine(MdchCurlDescriptor_struct& desc, const char* data, std::size_t siz
     return true;
 }
 
+// CR LF, a bare LF, and whatever else libcurl takes for the end of a header: CR CR LF is what a server sends that
+// writes CR LF through a text mode.
 bool isBlankLine(const char* data, std::size_t size)
 {
-    return (size == 2 && data[0] == '\r' && data[1] == '\n') || (size == 1 && data[0] == '\n');
+    return size > 0 && (data[0] == '\r' || data[0] == '\n');
 }
 
 } // namespace
