@@ -8,7 +8,7 @@ namespace support {
 
 // How long anything in a test may take before it counts as hung. Generous, because sanitizers and loaded
 // machines are slow, and free, because nobody waits that long unless something is broken.
-constexpr std::chrono::milliseconds defaultDeadline{10000};
+constexpr std::chrono::milliseconds defaultDeadline{60000};
 
 // Calls `predicate` until it holds; false when `deadline` passed without that.
 template <typename Predicate>

@@ -19,7 +19,6 @@ using support::Wire;
 
 const support::Media kMedia(32);
 constexpr std::size_t kSize = 40;
-constexpr int kPatient = 30;
 constexpr int kOver = -1; // seconds: a wait that is over when it begins
 
 class Stalls : public FaultSweep
@@ -35,7 +34,7 @@ protected:
         EXPECT_EQ(stream.error(), 14);
         EXPECT_EQ(stream.getResponseCode(), -14);
         EXPECT_EQ(stream.tell(), 0);
-        stream.fcntl(MDCH_FCNTL_HEADER_TIMEOUT, kPatient);
+        bePatient(stream);
     }
 
     // Behind it: what came, and the data time-out.
@@ -51,7 +50,7 @@ protected:
         EXPECT_EQ(stream.error(), 11);
         EXPECT_EQ(stream.eof(), 0) << "it may still come";
         EXPECT_EQ(stream.tell(), static_cast<long long>(bytes));
-        stream.fcntl(MDCH_FCNTL_DATA_TIMEOUT, kPatient);
+        bePatient(stream);
     }
 
     // Each stop ends either way.

@@ -23,7 +23,6 @@ const support::Media kMedia(36);
 constexpr std::uint64_t kSize = 3'000'000;
 constexpr std::size_t kRing = 0x18000; // the smallest that a stream can have
 constexpr time_t kTenMinutes = 600;
-constexpr int kPatient = 30;
 constexpr int kOver = -1; // seconds: a wait that is over when it begins
 
 class Slow : public FaultSweep
@@ -223,7 +222,7 @@ TEST_P(Slow, aSenderOfAByteNowAndThenIsFollowedByteByByte)
         EXPECT_EQ(stream->error(), 11);
         EXPECT_EQ(stream->eof(), 0);
         EXPECT_EQ(stream->tell(), i);
-        stream->fcntl(MDCH_FCNTL_DATA_TIMEOUT, kPatient);
+        bePatient(*stream);
         gates[static_cast<std::size_t>(i)].open();
         EXPECT_EQ(stream->readSome(1), kMedia.bytes(static_cast<std::uint64_t>(i), 1));
         EXPECT_EQ(stream->error(), 0);
@@ -262,7 +261,7 @@ TEST_P(Slow, aReadEndsInTimeThoughBytesKeepDribblingIn)
         EXPECT_EQ(stream->eof(), 0);
     }
     EXPECT_GT(position, 0U);
-    stream->fcntl(MDCH_FCNTL_DATA_TIMEOUT, kPatient);
+    bePatient(*stream);
     EXPECT_EQ(stream->readSome(3), kMedia.bytes(position, 3));
 }
 

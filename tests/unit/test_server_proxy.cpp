@@ -149,3 +149,59 @@ TEST(ScriptedProxy, EndsWithOpenTunnels)
     EXPECT_TRUE(tunnel.ended() && forward.ended());
     EXPECT_TRUE(server.waitForOpenConnections(0));
 }
+
+TEST(ScriptedProxy, HoldsBackWhatStandsBehindAByte)
+{
+    HttpServer server;
+    server.on("/a", Reply().body("hello").closeConnection());
+    HttpProxy proxy;
+    support::Gate gate;
+    const std::string whole = "HTTP/1.1 200 OK\r\nContent-Length: 5\r\nConnection: close\r\n\r\nhello";
+    for (const std::size_t count : {std::size_t{0}, std::size_t{10}, whole.size() - 1, whole.size()}) {
+        gate = support::Gate();
+        proxy.holdAt(count, gate);
+        RawClient client(proxy.port());
+        client.send("GET http://" + target(server) + "/a HTTP/1.1\r\n\r\n");
+        EXPECT_TRUE(gate.waitForArrivals());
+        EXPECT_EQ(client.readBytes(count), whole.substr(0, count));
+        EXPECT_FALSE(client.ended());
+        gate.open();
+        EXPECT_EQ(client.readAll(), whole.substr(count));
+        EXPECT_FALSE(client.wasReset());
+    }
+    proxy.passOnEverything();
+    RawClient client(proxy.port());
+    client.send("GET http://" + target(server) + "/a HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(client.readAll(), whole);
+    EXPECT_TRUE(proxy.waitForOpenConnections(0));
+}
+
+TEST(ScriptedProxy, EndsWhatItHoldsAtCommand)
+{
+    HttpServer server;
+    server.on("/a", Reply().body("hello"));
+    HttpProxy proxy;
+    for (const bool withReset : {false, true}) {
+        const support::Gate gate;
+        proxy.holdAt(4, gate);
+        RawClient client(proxy.port());
+        client.send("CONNECT " + target(server) + " HTTP/1.1\r\n\r\n");
+        EXPECT_EQ(client.readBytes(4), "HTTP");
+        withReset ? proxy.resetConnections() : proxy.dropConnections();
+        EXPECT_EQ(client.readAll(), "");
+        EXPECT_EQ(client.wasReset(), withReset);
+        EXPECT_TRUE(server.waitForOpenConnections(0));
+    }
+}
+
+TEST(ScriptedProxy, GarblesAByteAndEndsBehindIt)
+{
+    HttpServer server;
+    server.on("/a", Reply().body("hello"));
+    HttpProxy proxy;
+    proxy.garble(9);
+    RawClient client(proxy.port());
+    client.send("GET http://" + target(server) + "/a HTTP/1.1\r\n\r\n");
+    const std::string answer = client.readAll();
+    EXPECT_EQ(answer.substr(0, 13), std::string("HTTP/1.1 ") + static_cast<char>(~'2') + "00 ");
+}

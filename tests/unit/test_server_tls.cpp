@@ -213,6 +213,19 @@ TEST(TlsServer, ServesAndTellsOfTheConnection)
     EXPECT_EQ(server.requests("/a").size(), 1U);
 }
 
+TEST(TlsServer, EndsWithAFarewellOrWithoutOne)
+{
+    HttpServer server{Tls()};
+    server.on("/closed", Reply().body("hello").close(support::At::body(3)));
+    server.on("/cut", Reply().body("hello").cut(support::At::body(3)));
+    for (const bool isClosed : {true, false}) {
+        TlsClient client(server, trusting(certificates().ca, "localhost"));
+        const std::string answer = client.fetch(isClosed ? "/closed" : "/cut");
+        EXPECT_EQ(answer.substr(answer.find("\r\n\r\n") + 4), "hel");
+        EXPECT_EQ(client.cleanEnd(), isClosed);
+    }
+}
+
 TEST(TlsServer, ResumesSessionsUnlessToldOtherwise)
 {
     for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
