@@ -224,6 +224,17 @@ protected:
         EXPECT_TRUE(m_server->waitForOpenConnections(m_reuse ? 1 : 0));
     }
 
+    /* The same on an engine of its own, for servers that sent more than they said: libcurl 7.88 does not look for bytes
+       that have come on a connection before it uses that again. */
+    void expectOpenOnANewEngineWorks(std::unique_ptr<HttpStream> stream)
+    {
+        stream.reset();
+        md::HttpAccess::shutdown();
+        auto next = std::make_unique<HttpStream>();
+        prepare(*next);
+        expectNextOpenWorks(std::move(next));
+    }
+
     std::unique_ptr<HttpServer> m_server;
     std::unique_ptr<HttpProxy> m_proxy;
     Gate m_gate;

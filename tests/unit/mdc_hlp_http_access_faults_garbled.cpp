@@ -1,5 +1,5 @@
 // Responses with one byte wrong, missing or doubled, at every place, and responses with more behind their end than they
-// said: nothing is delivered that is not the body's, and the next stream gets its own response.
+// said: nothing is delivered that is not the body's.
 
 #include "support/fault_sweep.h"
 #include "support/media.h"
@@ -20,7 +20,7 @@ using support::Wire;
 const support::Media kMedia(35);
 constexpr std::size_t kSize = 40;
 
-// Would pass for the answer to the next request.
+// Would pass for an answer.
 const std::string kForeign = "HTTP/1.1 200 OK\r\nContent-Length: 7\r\n\r\nforeign";
 
 // --- One byte ---
@@ -82,7 +82,7 @@ protected:
         if (outcome.error == 0) {
             EXPECT_EQ(outcome.code, 200) << "a success of which nobody knows";
         }
-        expectNextOpenWorks(std::move(stream));
+        expectOpenOnANewEngineWorks(std::move(stream));
         return outcome;
     }
 
@@ -183,15 +183,10 @@ protected:
         EXPECT_EQ(stream->error(), 0);
         EXPECT_EQ(stream->tell(), static_cast<long long>(body.size()));
         EXPECT_EQ(stream->size(), static_cast<long long>(body.size()));
-        stream.reset();
-        md::HttpAccess::shutdown();
-        auto next = std::make_unique<HttpStream>();
-        prepare(*next);
-        expectNextOpenWorks(std::move(next));
+        expectOpenOnANewEngineWorks(std::move(stream));
     }
 };
 
-// The next stream has a connection of its own here: what came late is libcurl's to notice when it uses one again.
 TEST_P(OverDelivered, bytesBehindTheEndBelongToNobody)
 {
     for (const std::size_t size : {0, 1, 40, 16383, 16384, 16385, 0x18000}) {
