@@ -68,6 +68,19 @@ TEST_F(SeekTime, movesToWhereTheServerSays)
     EXPECT_EQ(trace.severityOf("seekTime(): got time seek request on fd 100 to 83500 ms\n"), 5000U);
 }
 
+TEST_F(SeekTime, movesToWhereTheServerSaysBeyond4GiB)
+{
+    constexpr std::uint64_t kLarge = 6'000'000'000;
+    m_server.on("/", Reply::timeSeekResource(kMedia, kLarge, 1'000'000).contentFeatures("DLNA.ORG_OP=11"));
+    HttpStream stream;
+    open(stream);
+    EXPECT_EQ(stream.seekTime(5'500'000), 0);
+    EXPECT_EQ(stream.tell(), 5'500'000'000);
+    EXPECT_EQ(stream.readSome(100), kMedia.bytes(5'500'000'000, 100));
+    EXPECT_EQ(stream.tell(), 5'500'000'100);
+    EXPECT_EQ(stream.size(), static_cast<long long>(kLarge));
+}
+
 TEST_F(SeekTime, canBeFollowedByByteSeeksAndMoreTimeSeeks)
 {
     m_server.on("/", film());

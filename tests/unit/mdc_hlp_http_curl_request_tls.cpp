@@ -3,6 +3,7 @@
 #include "support/certificates.h"
 #include "support/http_client.h"
 #include "support/http_server.h"
+#include "support/issuer.h"
 #include "support/trace_capture.h"
 
 #include <boost/make_shared.hpp>
@@ -191,6 +192,27 @@ TEST_F(HttpRequestTls, EnvironmentNamesNoAuthorities)
     for (const char* name : {"SSL_CERT_FILE", "SSL_CERT_DIR", "CURL_CA_BUNDLE"}) {
         unsetenv(name);
     }
+}
+
+// Beyond what 32 bits of seconds can count.
+TEST_F(HttpRequestTls, ACertificateThatEndsInAHundredYearsIsAccepted)
+{
+    support::CertificateRequest request;
+    request.commonName = "localhost";
+    request.alternativeNames = {"DNS:localhost", "IP:127.0.0.1"};
+    request.extendedUsage = "serverAuth";
+    request.validToDays = 36500;
+    Identity lasting;
+    lasting.key = support::makeEcKey();
+    lasting.certificate =
+        support::makeCertificate(request, lasting.key, certificates().ca.certificate, certificates().ca.key);
+    serve(lasting);
+    HttpStream withList;
+    trust(withList, certificates().ca.certificate);
+    expectAccepted(withList);
+    HttpStream withDirectory;
+    withDirectory.setCaCertPath(certificates().caDirectory);
+    expectAccepted(withDirectory);
 }
 
 TEST_F(HttpRequestTls, WithoutVerificationNothingIsVerified)

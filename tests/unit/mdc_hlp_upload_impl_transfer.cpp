@@ -9,6 +9,7 @@
 #include "support/trace_capture.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -18,6 +19,7 @@
 #include <set>
 #include <string>
 #include <sys/socket.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -336,6 +338,28 @@ TEST_F(Transfer, anOlderServerWithoutEpsvIsServed)
     EXPECT_EQ(access.upload(), 0);
     EXPECT_TRUE(m_server.hasCommand("PASV"));
     expectArrived(m_server, "/in/a.bin", "hello");
+}
+
+TEST_F(Transfer, aFileOfMoreThan4GiBIsAnnouncedWhole)
+{
+    constexpr std::int64_t kSize = (std::int64_t{5} << 30) + 3;
+    const std::string file = m_folder.write("a.bin", "start");
+    ASSERT_EQ(truncate64(file.c_str(), kSize), 0); // sparse
+    md::FtpAccess access = uploadTo(m_server, file);
+    struct Seen
+    {
+        md::FtpAccess& access;
+        long long total = 0;
+    } seen{access};
+    access.setProgressCallback(&seen, [](void* user, long long total, long long now) {
+        auto& record = *static_cast<Seen*>(user);
+        if (now > 0) {
+            record.total = total;
+            record.access.cancel(); // the rest is not worth the time
+        }
+    });
+    EXPECT_EQ(access.upload(), -5);
+    EXPECT_EQ(seen.total, kSize);
 }
 
 TEST_F(Transfer, nobodyWaitsForTheAnswerToTheGoodBye)
