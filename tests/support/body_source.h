@@ -27,7 +27,10 @@ class TextBody : public BodySource
 public:
     explicit TextBody(std::string text) : text_(std::move(text)) {}
     std::uint64_t size() const override { return text_.size(); }
-    void read(std::uint64_t pos, char* buffer, std::size_t n) const override { text_.copy(buffer, n, pos); }
+    void read(std::uint64_t pos, char* buffer, std::size_t n) const override
+    {
+        text_.copy(buffer, n, static_cast<std::size_t>(pos));
+    }
 
 private:
     std::string text_;

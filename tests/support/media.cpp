@@ -37,7 +37,7 @@ void Media::fill(std::uint64_t pos, void* buffer, std::size_t n) const
     while (n > 0) {
         const std::uint64_t value = word(pos / wordSize);
         const std::uint64_t skip = pos % wordSize;
-        const std::size_t count = std::min<std::size_t>(n, wordSize - skip);
+        const std::size_t count = static_cast<std::size_t>(std::min<std::uint64_t>(n, wordSize - skip));
         for (std::size_t i = 0; i < count; ++i) {
             out[i] = byteOf(value, skip + i);
         }

@@ -25,13 +25,23 @@ inline std::uint32_t randomSeed()
     return seed;
 }
 
-// A tenth of the rounds where a sanitizer makes each of them slow.
+// A tenth of the rounds where an emulated processor makes each of them slow.
+constexpr int emulatedRounds(int rounds)
+{
+#if defined(MDC_EMULATED)
+    return rounds / 10;
+#else
+    return rounds;
+#endif
+}
+
+// The same also where a sanitizer does.
 constexpr int randomRounds(int rounds)
 {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     return rounds / 10;
 #else
-    return rounds;
+    return emulatedRounds(rounds);
 #endif
 }
 

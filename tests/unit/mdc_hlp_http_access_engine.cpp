@@ -8,6 +8,7 @@
 #include "support/http_server.h"
 #include "support/trace_capture.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <dlfcn.h>
 #include <future>
@@ -191,6 +192,7 @@ struct LateObjects
     HttpServer server;
     std::vector<std::unique_ptr<HttpAccess>> streams;
     std::vector<std::thread> readers;
+    std::atomic<int> blocks{0}; // that the readers have got
 };
 
 [[noreturn]] void exitWhileStreaming()
@@ -202,16 +204,25 @@ struct LateObjects
         late.streams.push_back(std::make_unique<HttpAccess>());
         HttpAccess& stream = *late.streams.back();
         stream.setVerifyHost(false);
+        stream.fcntl(MDCH_FCNTL_HEADER_TIMEOUT,
+                     100); // a slow processor takes long for a handshake beside the others
         stream.open(late.server.url("/").c_str(), 0);
         if (support::readSome(stream, 1000).size() != 1000) {
             std::_Exit(2);
         }
-        // A reader that keeps the worker busy while the process ends.
-        late.readers.emplace_back([&stream] {
+    }
+    // Readers that keep the worker busy while the process ends. Not before all streams are open: on a slow processor
+    // they would leave the later ones no time for their handshake.
+    for (const auto& stream : late.streams) {
+        late.readers.emplace_back([&stream = *stream] {
             std::vector<unsigned char> buffer(32768);
             while (stream.read(buffer.data(), 32768) > 0) {
+                ++late.blocks;
             }
         });
+    }
+    if (!support::waitUntil([] { return late.blocks >= kStreams; })) {
+        std::_Exit(3);
     }
     std::exit(0);
 }

@@ -11,6 +11,7 @@
 #include <ctime>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <limits>
 #include <set>
 #include <string>
 #include <sys/syscall.h>
@@ -240,7 +241,7 @@ TEST(Thread, aFailedCreationIsReturnedAndTracedWithItsPlace)
     pthread_attr_t huge;
     ASSERT_EQ(pthread_getattr_default_np(&former), 0);
     ASSERT_EQ(pthread_attr_init(&huge), 0);
-    ASSERT_EQ(pthread_attr_setstacksize(&huge, std::size_t{1} << 56U), 0);
+    ASSERT_EQ(pthread_attr_setstacksize(&huge, std::numeric_limits<std::size_t>::max() / 16 * 15), 0);
     ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
     const support::TraceCapture traces;
     Probe probe;
