@@ -128,6 +128,30 @@ TEST_F(AbiTest, ARecordOfAnotherSizeAVirtualFunctionElsewhereAndALostFunctionAre
     EXPECT_THAT(lost.out, HasSubstr("mdch_UrlReadAll"));
 }
 
+// What a width that depends on the machine's time does to two builds; the system's timeval may differ.
+TEST_F(AbiTest, BuildsWithRecordsOfDifferentWidthAreFound)
+{
+    const auto build = [&](const std::string& name, const std::string& record, const std::string& width) {
+        const std::string text = "struct " + record + " { " + width + " field; };\nint use(struct " + record +
+                                 "* record) { return (int)record->field; }\n";
+        const std::string library = m_folder.file(name + ".so");
+        const Result built = runToEnd(
+            {C_COMPILER, "-g", "-shared", "-fPIC", "-o", library, m_folder.write(name + ".c", text)});
+        EXPECT_EQ(built.status, 0) << built.err;
+        return library;
+    };
+    const auto same = [](const std::string& one, const std::string& other) {
+        return runToEnd({kSource + "/packaging/abi/check", "same", one, other});
+    };
+    const std::string narrow = build("narrow", "Record", "int");
+    EXPECT_EQ(same(narrow, narrow).status, 0);
+    const Result different = same(narrow, build("wide", "Record", "long long"));
+    EXPECT_EQ(different.status, 1);
+    EXPECT_THAT(different.out, HasSubstr("struct Record"));
+    const Result time = same(build("time32", "timeval", "int"), build("time64", "timeval", "long long"));
+    EXPECT_EQ(time.status, 0) << time.out;
+}
+
 #endif
 
 // A source without its comments. It has none in texts.
