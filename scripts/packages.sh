@@ -14,6 +14,11 @@
     packages_bench="$packages_build python3 nginx-light openssl libavformat-dev libgstreamer1.0-dev
         gstreamer1.0-plugins-base gstreamer1.0-plugins-good glib-networking libbenchmark-dev valgrind gnuplot-nox"
     packages_test="$packages_test abigail-tools $packages_deb"
+    # The 32-bit ARM target: what runs here, and what is unpacked for the target (scripts/sysroot.sh).
+    packages_target="cmake ninja-build pkg-config g++-arm-linux-gnueabihf qemu-user abigail-tools nginx-light icecast2
+        ffmpeg openssl iproute2 locales"
+    packages_sysroot="libc6-dev libcurl4-openssl-dev libssl-dev libboost-dev libboost-thread-dev libboost-system-dev
+        libmount-dev libcli11-dev nlohmann-json3-dev libgtest-dev libgmock-dev"
 
     # These exclude each other, and any other FTP server that the machine may have. The tests start them by
     # hand, so they are not installed but unpacked, here:

@@ -85,7 +85,8 @@ TEST_F(ReadmeTest, TheTestCommandsOptions)
     const Result help = runToEnd({kSource + "/test", "--help"});
     EXPECT_EQ(help.status, 0);
     const std::string page = support::readFile(kSource + "/README.md");
-    for (const char* option : {"--asan", "--tsan", "--release", "--coverage", "--lint", "--filter REGEX"}) {
+    for (const char* option :
+         {"--asan", "--tsan", "--release", "--coverage", "--lint", "--target armhf", "--filter REGEX"}) {
         EXPECT_THAT(help.out, HasSubstr(option));
         EXPECT_THAT(page, HasSubstr(option));
     }
@@ -93,6 +94,7 @@ TEST_F(ReadmeTest, TheTestCommandsOptions)
     EXPECT_EQ(wrong.status, 2);
     EXPECT_EQ(wrong.out, "");
     EXPECT_THAT(wrong.err, HasSubstr("unknown option --none"));
+    EXPECT_EQ(runToEnd({kSource + "/test", "--target", "none"}).status, 2);
     EXPECT_EQ(runToEnd({kSource + "/run", "--none"}).status, 2);
 }
 
