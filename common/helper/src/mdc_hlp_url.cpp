@@ -122,8 +122,8 @@ unsigned int mdch_UrlOpenExt(const char* url, int mode, mdch_UrlExtended_struct*
     }
     HandleTable& table = handleTable();
     const MdpLock lock(table.mutex);
-    table.streams[++table.lastHandle] = stream;
-    return table.lastHandle;
+    table.streams[table.lastHandle + 1] = stream; // throws, if at all, before a number is used up
+    return ++table.lastHandle;
 }
 
 int mdch_UrlClose(unsigned int handle)

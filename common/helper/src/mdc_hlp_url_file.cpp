@@ -64,7 +64,10 @@ int MdchUrlFile::open(const char* url, int mode)
     }
     FILE* stream = fopen64(path, how);
     const int result = stream != nullptr ? 0 : -errno;
-    m_stream->replace(stream);
+    if (!m_stream->replace(stream)) {
+        errno = ENOMEM;
+        return -ENOMEM;
+    }
     return result;
 }
 

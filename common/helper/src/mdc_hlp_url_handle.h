@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <limits>
 #include <memory>
+#include <new>
 
 namespace md {
 
@@ -36,15 +37,23 @@ public:
         return m_handle;
     }
 
-    /* Takes over a handle (may be null); the former one is closed by its last user. */
-    void replace(Handle* handle)
+    /*
+     * Takes over a handle (may be null); the former one is closed by its last user. False when there is no memory
+     * for that: the handle is closed then, and the former one stays.
+     */
+    bool replace(Handle* handle)
     {
         std::shared_ptr<Handle> next;
-        if (handle != nullptr) {
-            next.reset(handle, Closer{m_close, nullptr});
+        try {
+            if (handle != nullptr) {
+                next.reset(handle, Closer{m_close, nullptr});
+            }
+        } catch (const std::bad_alloc&) {
+            return false; // reset has closed it
         }
         const MdpLock lock(m_mutex);
         m_handle.swap(next);
+        return true;
     }
 
     /* The result of closing; 0 when an operation under way still uses the handle and will close it. */

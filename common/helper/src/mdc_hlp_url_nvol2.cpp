@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <new>
 
 namespace {
 
@@ -33,7 +34,7 @@ MdchUrlNvol2::~MdchUrlNvol2()
 }
 
 int MdchUrlNvol2::open(const char* url, int mode)
-{
+try {
     if (url == nullptr) {
         errno = EINVAL;
         return -EINVAL;
@@ -41,7 +42,10 @@ int MdchUrlNvol2::open(const char* url, int mode)
     std::string protocol;
     std::string volumeId;
     std::string path;
-    md::parseNvol2Url(url, protocol, volumeId, path);
+    if (!md::parseNvol2Url(url, protocol, volumeId, path)) {
+        errno = ENOMEM; // of what the URL says, parts may be missing
+        return -ENOMEM;
+    }
     const int mediaId = nvol2MediaIDGetByUUID(volumeId.c_str());
     if (mediaId < 0) {
         MDCH_TRACE(md::kTraceNotice, "MdchUrlNvol2::%s() Could not get mediaID for volumeID=%s\n", "open",
@@ -51,9 +55,15 @@ int MdchUrlNvol2::open(const char* url, int mode)
     }
     nvol2File* file = nvol2_fopen(mediaId, path.c_str(), serviceMode(mode));
     const int code = errno;
-    m_file->replace(file);
+    if (!m_file->replace(file)) {
+        errno = ENOMEM;
+        return -ENOMEM;
+    }
     errno = code;
     return file != nullptr ? 0 : -code;
+} catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return -ENOMEM;
 }
 
 int MdchUrlNvol2::close()

@@ -23,7 +23,9 @@ int findVolume(const char* function, const std::string& url, std::string& path)
 {
     std::string protocol;
     std::string volumeId;
-    parseNvol2Url(url, protocol, volumeId, path);
+    if (!parseNvol2Url(url, protocol, volumeId, path)) {
+        return -1; // of what the URL says, parts may be missing
+    }
     const bool isRight = protocol.size() == std::strlen(kProtocol) && // no NUL within cuts it off
                          strcasecmp(protocol.c_str(), kProtocol) == 0;
     if (!isRight) {

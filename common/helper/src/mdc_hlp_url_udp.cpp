@@ -7,6 +7,7 @@
 #include <boost/lexical_cast.hpp>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -102,7 +103,7 @@ int MdchUrlUdp::fail(int code)
 }
 
 int MdchUrlUdp::open(const char* url, int /*mode*/)
-{
+try {
     if (m_socketNumber >= 0) {
         MDCH_TRACE(md::kTraceFatal, "%s:%d:%s(): Already opened.\n", MDCH_HERE);
         return -EEXIST;
@@ -126,9 +127,13 @@ int MdchUrlUdp::open(const char* url, int /*mode*/)
         closeSocket(socket.release());
         return result;
     }
-    m_socket->replace(socket.release());
+    if (!m_socket->replace(socket.release())) {
+        return fail(ENOMEM);
+    }
     MDCH_TRACE(md::kTraceNotice, "MdchUrlUdp::%s() %s open OK. ret=%i.\n", "open", m_url.c_str(), 0);
     return 0;
+} catch (const std::bad_alloc&) {
+    return fail(ENOMEM);
 }
 
 int MdchUrlUdp::bindAndJoin(const Socket& socket)
