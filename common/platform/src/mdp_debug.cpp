@@ -29,10 +29,11 @@ struct Output
 std::atomic<unsigned int> g_severity{kStartSeverity};
 
 // Never destroyed: the worker thread and other libraries' exit handlers may still trace while static
-// objects go.
+// objects go. Not from the heap: the first line may be that there is no memory.
 Output& output()
 {
-    static auto* instance = new Output;
+    alignas(Output) static std::array<unsigned char, sizeof(Output)> place;
+    static auto* instance = new (place.data()) Output;
     return *instance;
 }
 
