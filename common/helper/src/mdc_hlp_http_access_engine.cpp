@@ -62,9 +62,11 @@ HttpAccessImpl& engineSingleton()
             g_exitHandlerInstalled = std::atexit(stopAtExit) == 0;
         }
         g_engineProcess = getpid();
-        mdchHttpCurl_initWakeup();
         impl = made.release();
         HttpAccess::m_impl = impl;
+    }
+    if (!mdchHttpCurl_hasWakeup()) {
+        mdchHttpCurl_initWakeup();
     }
     if (!impl->worker().isRunning()) {
         // Tried again with every stream: a system without room for a thread may have it a moment later.

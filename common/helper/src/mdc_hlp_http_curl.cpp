@@ -53,14 +53,12 @@ HttpEngine& httpEngine()
     return *instance;
 }
 
-void snapshotRegistry(std::vector<MdchDescriptorPtr>& descriptors)
+MdchDescriptorPtr nextDescriptor(std::int32_t behind)
 {
     HttpEngine& engine = httpEngine();
     const MdpLock lock(engine.registryMutex);
-    descriptors.reserve(engine.registry.size());
-    for (const auto& entry : engine.registry) {
-        descriptors.push_back(entry.second);
-    }
+    const auto next = engine.registry.upper_bound(behind);
+    return next != engine.registry.end() ? next->second : MdchDescriptorPtr();
 }
 
 void unregisterDescriptor(const MdchCurlDescriptor_struct& desc)
@@ -93,7 +91,7 @@ void addToMulti(HttpEngine& engine, MdchCurlDescriptor_struct& desc)
         return;
     }
     ++desc.requestSerial;
-    if (curl_multi_add_handle(engine.multi, desc.easy) == CURLM_OK) {
+    if (desc.lacking == 0 && curl_multi_add_handle(engine.multi, desc.easy) == CURLM_OK) {
         desc.inMulti = 1;
         return;
     }
@@ -168,6 +166,13 @@ void mdchHttpCurl_initWakeup()
             ::close(former);
         }
     }
+}
+
+bool mdchHttpCurl_hasWakeup()
+{
+    md::HttpEngine& engine = md::httpEngine();
+    const MdpLock lock(engine.wakeupMutex);
+    return engine.wakeupWriteEnd > 0;
 }
 
 void mdchHttpCurl_wakeupWorkerThread()

@@ -53,6 +53,14 @@ enum MdchTransferState : std::int32_t
     kStateFinalise = 4 // the worker cleans up and unregisters
 };
 
+/* Parts of a request, as bits. */
+enum MdchRequestPart : std::uint32_t
+{
+    kPartOptions = 1, // everything else
+    kPartRange = 2,
+    kPartHeaderLines = 4
+};
+
 constexpr std::int64_t kLengthNotYetKnown = -11;
 constexpr std::int64_t kLengthUnknown = -1;
 constexpr std::int32_t kDefaultReceiveBufferSize = 0x30000;
@@ -128,10 +136,11 @@ struct MdchCurlDescriptor_struct
     std::int64_t requestedStart = -1;    // first byte asked for with a Range; -1: none was asked for
     std::int64_t contentRangeStart = -1; // first byte that Content-Range names; -1: none
     std::int64_t leadingSkip = 0;        // bytes that come before requestedStart, still to be dropped
-    bool resumed = false;                // the request goes on behind bytes that came before a pause
-    bool misplaced = false;              // the body begins behind requestedStart: none of it is delivered
-    std::size_t headerBytes = 0;         // size of responseHeaders' texts
-    std::string callerCookies;           // what the caller set, once cookies holds received ones
+    std::uint32_t lacking = 0;   // MdchRequestPart bits: no memory for these, so the request is not sent
+    bool resumed = false;        // the request goes on behind bytes that came before a pause
+    bool misplaced = false;      // the body begins behind requestedStart: none of it is delivered
+    std::size_t headerBytes = 0; // size of responseHeaders' texts
+    std::string callerCookies;   // what the caller set, once cookies holds received ones
     bool cookiesReceived = false;
     std::size_t dlnaLinesAt = 0;       // where in requestHeaderLines the request added its DLNA lines
     std::size_t dlnaLines = 0;         // and how many
@@ -178,6 +187,9 @@ void mdchHttpCurl_shutdown();
 /* Creates the wake-up pipe. On failure the worker sleeps and polls instead. */
 void mdchHttpCurl_initWakeup();
 
+/* Whether there is a wake-up pipe. */
+bool mdchHttpCurl_hasWakeup();
+
 /* Makes the worker look at all transfers. Never blocks; does nothing without a pipe. */
 void mdchHttpCurl_wakeupWorkerThread();
 
@@ -203,8 +215,8 @@ void mdchHttpCurl_dropFormerRequest(md::MdchCurlDescriptor_struct& desc, MdpLock
 // --- Request (mdc_hlp_http_curl_request.cpp); caller holds the descriptor's mutex ---
 
 /*
- * Builds the libcurl handle for a request from startPos and sets the state to kStateConfigured. Always 0.
- * The descriptor has no handle yet: mdchHttpCurl_discardRequest comes first when it does.
+ * Builds the libcurl handle for a request from startPos and sets the state to kStateConfigured. Always 0: a request
+ * for parts of which there is no memory ends when the worker comes to start it. The descriptor has no handle yet: mdchHttpCurl_discardRequest comes first when it does.
  */
 std::int32_t mdchHttpCurl_initDescriptor(const boost::shared_ptr<md::MdchCurlDescriptor_struct>& desc,
                                          long long startPos);

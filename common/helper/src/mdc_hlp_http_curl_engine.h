@@ -10,6 +10,7 @@
 #include "mdc_hlp_http_curl_sockets.h"
 
 #include <atomic>
+#include <limits>
 #include <map>
 
 namespace md {
@@ -34,8 +35,13 @@ struct HttpEngine
 
 HttpEngine& httpEngine();
 
-/* All registered descriptors in the order of their numbers. Takes the registry's lock. */
-void snapshotRegistry(std::vector<MdchDescriptorPtr>& descriptors);
+/*
+ * The registered descriptor with the lowest number behind that one; empty when there is none. A walk over the
+ * registry from kBeforeAll on holds its lock for moments only, and needs no memory: the worker must not stop for
+ * want of it. Takes the registry's lock.
+ */
+constexpr std::int32_t kBeforeAll = std::numeric_limits<std::int32_t>::min();
+MdchDescriptorPtr nextDescriptor(std::int32_t behind);
 
 /* Takes the descriptor out of the registry, unless its number belongs to another one by now. */
 void unregisterDescriptor(const MdchCurlDescriptor_struct& desc);

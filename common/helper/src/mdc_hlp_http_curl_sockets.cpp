@@ -13,11 +13,12 @@ bool comesBefore(const HttpSocketInterest::Socket& entry, curl_socket_t wanted)
 
 } // namespace
 
-void HttpSocketInterest::attach(CURLM* multi)
+bool HttpSocketInterest::attach(CURLM* multi)
 {
     clear();
-    curl_multi_setopt(multi, CURLMOPT_SOCKETFUNCTION, &HttpSocketInterest::onSocketChange);
-    curl_multi_setopt(multi, CURLMOPT_SOCKETDATA, this);
+    return curl_multi_setopt(multi, CURLMOPT_SOCKETFUNCTION, &HttpSocketInterest::onSocketChange) ==
+               CURLM_OK &&
+           curl_multi_setopt(multi, CURLMOPT_SOCKETDATA, this) == CURLM_OK;
 }
 
 int HttpSocketInterest::onSocketChange(CURL* /*easy*/, curl_socket_t socket, int what, void* self,

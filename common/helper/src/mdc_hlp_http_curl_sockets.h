@@ -17,8 +17,8 @@ namespace md {
 class HttpSocketInterest
 {
 public:
-    /* Makes the multi handle report its sockets here. The object outlives the handle. */
-    void attach(CURLM* multi);
+    /* Makes the multi handle report its sockets here. The object outlives the handle. False: it does not. */
+    bool attach(CURLM* multi);
 
     /* Forgets all sockets. */
     void clear() { m_sockets.clear(); }

@@ -16,7 +16,9 @@ using md::HttpEngine;
 using md::MdchCurlDescriptor_struct;
 
 constexpr long kLongestWaitMs = 5000;
+constexpr long kLongestWaitPollingMs = 50; // without the pipe, and when there is no memory to watch sockets
 constexpr long kWaitWithoutTimeoutMs = 10000;
+constexpr useconds_t kPollAgainMicroseconds = 10000;
 constexpr time_t kContinueInPauseSeconds = 320;
 constexpr time_t kCloseInPauseSeconds = 20;
 constexpr const char* kThreadFunction = "mdchHttpCurl_fillBuffer"; // all worker traces bear its name
@@ -64,21 +66,23 @@ private:
         kUnregister // it is finalised
     };
 
+    void provideMulti();
     void actOnStates();
     Rest actOnState(MdchCurlDescriptor_struct& desc);
     Rest actOnPaused(MdchCurlDescriptor_struct& desc);
+    static void endStuck(MdchCurlDescriptor_struct& desc);
     void finalise(MdchCurlDescriptor_struct& desc);
     void drive();
     bool nextCompletion(Completion& completion);
     void report(const Completion& completion);
+    bool provideRoom(std::size_t count);
     void prepareWait();
     void wait();
     void drainWakeups(int readEnd);
     static void closePipe();
 
     HttpEngine& m_engine;
-    CURLM* m_multi = nullptr; // the engine's, which is set to null before it is freed
-    std::vector<md::MdchDescriptorPtr> m_snapshot;
+    CURLM* m_multi = nullptr;             // the engine's, which is set to null before it is freed
     std::vector<pollfd> m_watched;        // the wake-up pipe first, if there is one
     std::vector<std::uint64_t> m_serials; // of m_watched's sockets
     bool m_hasPipe = false;
@@ -88,11 +92,21 @@ private:
     long m_waitMs = 0;
 };
 
-Worker::Worker() : m_engine(md::httpEngine()), m_multi(curl_multi_init())
+Worker::Worker() : m_engine(md::httpEngine()) {}
+
+// Tried again in each pass and for each transfer, which otherwise ends as soon as it is to start. Under the engine's
+// lock.
+void Worker::provideMulti()
 {
-    const MdpFairLock engineLock(m_engine.mutex);
+    if (m_multi != nullptr) {
+        return;
+    }
+    m_multi = curl_multi_init();
+    if (m_multi != nullptr && !m_engine.sockets.attach(m_multi)) {
+        curl_multi_cleanup(m_multi);
+        m_multi = nullptr;
+    }
     m_engine.multi = m_multi;
-    m_engine.sockets.attach(m_multi);
 }
 
 bool Worker::pass()
@@ -103,6 +117,7 @@ bool Worker::pass()
         if (m_engine.shutdown) {
             return false;
         }
+        provideMulti();
         actOnStates();
         drive();
     }
@@ -125,21 +140,22 @@ void Worker::actOnStates()
     }
     m_lookAtAll = false;
     m_lastLook = now;
-    md::snapshotRegistry(m_snapshot);
-    for (const md::MdchDescriptorPtr& desc : m_snapshot) {
+    md::MdchDescriptorPtr desc = md::nextDescriptor(md::kBeforeAll);
+    for (; desc != nullptr; desc = md::nextDescriptor(desc->fd)) {
         MdpLock lock = md::lockDescriptor(*desc);
         const Rest rest = actOnState(*desc);
         CURL* easy = desc->easy; // the engine's lock keeps it alive
         lock.unlock();
         if (rest == Rest::kLetFlow) {
-            curl_easy_pause(easy, CURLPAUSE_CONT);
+            if (curl_easy_pause(easy, CURLPAUSE_CONT) == CURLE_OUT_OF_MEMORY) {
+                endStuck(*desc);
+            }
         } else if (rest == Rest::kUnregister) {
             md::unregisterDescriptor(*desc);
             MDCH_TRACE(md::kTraceCall, "%s:%d:%s(): connection is finalized on fd %i.\n", MDCH_WORKER_HERE,
                        desc->fd);
         }
     }
-    m_snapshot.clear();
 }
 
 Worker::Rest Worker::actOnState(MdchCurlDescriptor_struct& desc)
@@ -148,6 +164,7 @@ Worker::Rest Worker::actOnState(MdchCurlDescriptor_struct& desc)
     case md::kStateConfigured:
         MDCH_TRACE(md::kTraceCall, "%s:%d:%s(): Start MultiHandle on fd %i.\n", MDCH_WORKER_HERE, desc.fd);
         desc.state = md::kStateRunning;
+        provideMulti();
         md::addToMulti(m_engine, desc);
         return Rest::kNothing;
     case md::kStatePaused:
@@ -185,6 +202,18 @@ Worker::Rest Worker::actOnPaused(MdchCurlDescriptor_struct& desc)
     return Rest::kNothing;
 }
 
+// A transfer that cannot flow for want of memory would never tell its readers.
+void Worker::endStuck(MdchCurlDescriptor_struct& desc)
+{
+    const MdpLock lock = md::lockDescriptor(desc);
+    if (desc.done == 0) {
+        desc.done = 1;
+        desc.error = MDCH_HTTP_EUNKNOWN;
+        pthread_cond_broadcast(&desc.cond);
+        mdchHttpCurl_wakeSelectWaiters(desc, kThreadFunction);
+    }
+}
+
 void Worker::finalise(MdchCurlDescriptor_struct& desc)
 {
     md::removeFromMulti(m_engine, desc);
@@ -199,6 +228,9 @@ void Worker::finalise(MdchCurlDescriptor_struct& desc)
 
 void Worker::drive()
 {
+    if (m_multi == nullptr) {
+        return; // libcurl does not look
+    }
     int running = 0;
     if (m_ready) {
         m_ready = false;
@@ -265,6 +297,20 @@ void Worker::report(const Completion& completion)
     mdchHttpCurl_wakeSelectWaiters(desc, kThreadFunction);
 }
 
+// False: there is no memory for so many sockets, and those that find no room are looked at later.
+bool Worker::provideRoom(std::size_t count)
+{
+    try {
+        constexpr std::size_t kFewest = 64; // taken at the start, when there is memory
+        m_watched.reserve(std::max(count, kFewest));
+        m_serials.reserve(std::max(count, kFewest));
+        return true;
+    } catch (const std::bad_alloc&) {
+        MDCH_TRACE(md::kTraceError, "%s(): E: curl_multi_fdset\n", kThreadFunction);
+        return false;
+    }
+}
+
 void Worker::prepareWait()
 {
     int readEnd = -1;
@@ -276,28 +322,26 @@ void Worker::prepareWait()
     m_watched.clear();
     m_serials.clear();
     const MdpFairLock engineLock(m_engine.mutex);
-    try {
-        if (m_hasPipe) {
-            m_watched.push_back({readEnd, POLLIN, 0});
-            m_serials.push_back(0);
-        }
-        for (const md::HttpSocketInterest::Socket& socket : m_engine.sockets.sockets()) {
-            m_watched.push_back(socket.poll);
-            m_serials.push_back(socket.serial);
-        }
-    } catch (const std::bad_alloc&) {
-        m_watched.clear();
-        m_serials.clear();
-        m_hasPipe = false;
-        MDCH_TRACE(md::kTraceError, "%s(): E: curl_multi_fdset\n", kThreadFunction);
+    const auto& sockets = m_engine.sockets.sockets();
+    const bool isComplete = provideRoom(sockets.size() + 1);
+    const std::size_t room = std::min(m_watched.capacity(), m_serials.capacity());
+    if (m_hasPipe && room > 0) {
+        m_watched.push_back({readEnd, POLLIN, 0});
+        m_serials.push_back(0);
+    }
+    m_hasPipe = !m_watched.empty();
+    for (std::size_t i = 0; i < sockets.size() && m_watched.size() < room; ++i) {
+        m_watched.push_back(sockets[i].poll);
+        m_serials.push_back(sockets[i].serial);
     }
     if (curl_multi_timeout(m_multi, &m_waitMs) != CURLM_OK) {
         m_waitMs = kWaitWithoutTimeoutMs;
         MDCH_TRACE(md::kTraceError, "%s(): E: curl_multi_timeout\n", kThreadFunction);
     }
     // Compared unsigned: -1, no time-out, is capped, too.
-    if (static_cast<unsigned long>(m_waitMs) > static_cast<unsigned long>(kLongestWaitMs)) {
-        m_waitMs = kLongestWaitMs;
+    const long longest = m_hasPipe && isComplete ? kLongestWaitMs : kLongestWaitPollingMs;
+    if (static_cast<unsigned long>(m_waitMs) > static_cast<unsigned long>(longest)) {
+        m_waitMs = longest;
     }
 }
 
@@ -318,6 +362,7 @@ void Worker::wait()
         }
         MDCH_TRACE(md::kTraceError, "E: select(%i,,,,%li): %i: %s\n", highest + 1, m_waitMs, error,
                    std::strerror(error));
+        usleep(kPollAgainMicroseconds); // it may fail for long, and must not keep a processor busy
     }
     if (result <= 0) {
         return; // nothing in m_watched is a result
@@ -359,8 +404,8 @@ void Worker::finish()
     closePipe();
     {
         const MdpFairLock engineLock(m_engine.mutex);
-        md::snapshotRegistry(m_snapshot);
-        for (const md::MdchDescriptorPtr& desc : m_snapshot) {
+        md::MdchDescriptorPtr desc = md::nextDescriptor(md::kBeforeAll);
+        for (; desc != nullptr; desc = md::nextDescriptor(desc->fd)) {
             {
                 const MdpLock lock = md::lockDescriptor(*desc);
                 md::removeFromMulti(m_engine, *desc);
@@ -369,7 +414,6 @@ void Worker::finish()
             }
             md::unregisterDescriptor(*desc);
         }
-        m_snapshot.clear();
         m_engine.multi = nullptr;
         m_engine.shutdown = false; // the next engine starts with a clear one
         curl_multi_cleanup(m_multi);
