@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <utility>
 
 namespace md {
@@ -209,7 +210,12 @@ int HttpAccess::start(const char* url, const void* body, unsigned int length, lo
         if (desc->done != 0) {
             return -EAGAIN; // there is no worker thread
         }
-        desc->url = url;
+        try {
+            desc->url = url;
+        } catch (const std::bad_alloc&) {
+            desc->url.clear(); // nobody waits for an answer
+            return -ENOMEM;
+        }
         setBody(*desc, body, length);
         mdchHttpCurl_initDescriptor(desc, startPos);
     }

@@ -1,5 +1,6 @@
 #include "mdc_hlp_curl_setup.h"
 #include "mdc_hlp_http_curl_engine.h"
+#include "mdc_hlp_http_curl_option.h"
 #include "mdc_hlp_http_ssl.h"
 #include "mdc_hlp_httpproxy.h"
 #include "mdc_hlp_sigpipe.h"
@@ -9,7 +10,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <strings.h>
+#include <new>
+#include <utility>
 
 namespace {
 
@@ -58,28 +60,27 @@ void allocateReceiveBuffer(MdchCurlDescriptor_struct& desc, const char* function
 
 void setBasics(MdchCurlDescriptor_struct& desc)
 {
-    CURL* easy = desc.easy;
     void* number = md::numberAsPointer(desc.fd);
-    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, static_cast<long>(desc.followLocation));
-    curl_easy_setopt(easy, CURLOPT_MAXREDIRS, static_cast<long>(desc.maxRedirects));
-    curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-    curl_easy_setopt(easy, CURLOPT_URL, withEscapedBlanks(desc.url).c_str());
-    curl_easy_setopt(easy, CURLOPT_PRIVATE, number);
-    curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 1L);
-    curl_easy_setopt(easy, CURLOPT_WRITEDATA, number);
-    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, mdchHttpCurl_writeCallback);
-    curl_easy_setopt(easy, CURLOPT_HEADERDATA, number);
-    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, mdchHttpCurl_headerCallback);
+    md::setOption(desc, CURLOPT_FOLLOWLOCATION, static_cast<long>(desc.followLocation));
+    md::setOption(desc, CURLOPT_MAXREDIRS, static_cast<long>(desc.maxRedirects));
+    md::setOption(desc, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+    md::setOption(desc, CURLOPT_URL, withEscapedBlanks(desc.url).c_str());
+    md::setOption(desc, CURLOPT_PRIVATE, number);
+    md::setOption(desc, CURLOPT_NOPROGRESS, 1L);
+    md::setOption(desc, CURLOPT_WRITEDATA, number);
+    md::setOption(desc, CURLOPT_WRITEFUNCTION, mdchHttpCurl_writeCallback);
+    md::setOption(desc, CURLOPT_HEADERDATA, number);
+    md::setOption(desc, CURLOPT_HEADERFUNCTION, mdchHttpCurl_headerCallback);
 
-    md::setCurlBasics(easy);
+    md::noteResult(desc, md::setCurlBasics(desc.easy));
     // The first URL too: a redirect to FTP would send replies through the header callback that look like
     // header lines.
-    md::allowOnly(easy, md::CurlProtocols::kHttp);
+    md::noteResult(desc, md::allowOnly(desc.easy, md::CurlProtocols::kHttp));
     // A proxy's answer to CONNECT is not the server's header.
-    curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+    md::setOption(desc, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
     // Turns libcurl's cookie engine on without reading a file, so that received cookies are known and go along
     // on redirects and seeks.
-    curl_easy_setopt(easy, CURLOPT_COOKIEFILE, "");
+    md::setOption(desc, CURLOPT_COOKIEFILE, "");
 }
 
 const char* transferModeLine(std::int32_t mode)
@@ -105,32 +106,33 @@ void applyTransferMode(MdchCurlDescriptor_struct& desc)
     }
     desc.capabilities = MDCH_CAPABILITY_STALLING | MDCH_CAPABILITY_BYTE_SEEK;
     desc.dlnaLinesAt = desc.requestHeaderLines.size();
-    desc.requestHeaderLines.emplace_back("getcontentFeatures.dlna.org: 1");
-    desc.requestHeaderLines.emplace_back(modeLine);
-    desc.dlnaLines = 2;
+    for (const char* line : {"getcontentFeatures.dlna.org: 1", modeLine}) {
+        desc.requestHeaderLines.emplace_back(line);
+        ++desc.dlnaLines;
+    }
 }
 
-void applyProxy(CURL* easy, const char* function)
+void applyProxy(MdchCurlDescriptor_struct& desc, const char* function)
 {
     // Set in every case: an empty text keeps the environment's proxies out.
-    curl_easy_setopt(easy, CURLOPT_NOPROXY, "");
+    md::setOption(desc, CURLOPT_NOPROXY, "");
     md::httpProxyInfo_struct proxy;
     if (!md::getHttpProxyInfo(proxy)) {
-        curl_easy_setopt(easy, CURLOPT_PROXY, "");
+        md::setOption(desc, CURLOPT_PROXY, "");
         return;
     }
     MDCH_TRACE(md::kTraceNotice, "%s() set proxy %s:%i\n", function, proxy.host.c_str(), proxy.port);
-    curl_easy_setopt(easy, CURLOPT_PROXYTYPE, static_cast<long>(CURLPROXY_HTTP));
-    curl_easy_setopt(easy, CURLOPT_PROXY, proxy.host.c_str());
-    curl_easy_setopt(easy, CURLOPT_PROXYPORT, static_cast<long>(proxy.port));
+    md::setOption(desc, CURLOPT_PROXYTYPE, static_cast<long>(CURLPROXY_HTTP));
+    md::setOption(desc, CURLOPT_PROXY, proxy.host.c_str());
+    md::setOption(desc, CURLOPT_PROXYPORT, static_cast<long>(proxy.port));
     if (proxy.user.empty()) {
         return;
     }
     MDCH_TRACE(md::kTraceCall, "%s() set proxy user %s\n", function, proxy.user.c_str());
-    curl_easy_setopt(easy, CURLOPT_PROXYUSERNAME, proxy.user.c_str());
+    md::setOption(desc, CURLOPT_PROXYUSERNAME, proxy.user.c_str());
     if (!proxy.password.empty()) {
         MDCH_TRACE(md::kTraceCall, "%s() set proxy pwd %s\n", function, proxy.password.c_str());
-        curl_easy_setopt(easy, CURLOPT_PROXYPASSWORD, proxy.password.c_str());
+        md::setOption(desc, CURLOPT_PROXYPASSWORD, proxy.password.c_str());
     }
 }
 
@@ -140,7 +142,7 @@ void applyCookies(MdchCurlDescriptor_struct& desc, const char* function)
         return;
     }
     MDCH_TRACE(md::kTraceCall, "%s() add cookies to request: %s\n", function, desc.cookies.c_str());
-    curl_easy_setopt(desc.easy, CURLOPT_COOKIE, desc.cookies.c_str());
+    md::setOption(desc, CURLOPT_COOKIE, desc.cookies.c_str());
 }
 
 // A POST carries its Range in the header list, which is built from what is noted here: libcurl would turn
@@ -150,7 +152,8 @@ void noteRange(MdchCurlDescriptor_struct& desc, std::int64_t position)
     desc.requestedStart = position;
     std::snprintf(desc.rangeText, sizeof(desc.rangeText), "%lld-", static_cast<long long>(position));
     if (desc.postData == nullptr) {
-        curl_easy_setopt(desc.easy, CURLOPT_RANGE, desc.rangeText);
+        desc.lacking &= ~static_cast<std::uint32_t>(md::kPartRange);
+        md::setOption(desc, CURLOPT_RANGE, desc.rangeText, md::kPartRange);
     }
 }
 
@@ -190,6 +193,38 @@ void forgetResponse(MdchCurlDescriptor_struct& desc)
     }
 }
 
+// May throw std::bad_alloc; the request then lacks what comes behind.
+void configure(const md::MdchDescriptorPtr& ptr, std::int64_t startPos, const char* function)
+{
+    MdchCurlDescriptor_struct& desc = *ptr;
+    setBasics(desc);
+    if (desc.headRequest) {
+        MDCH_TRACE(md::kTraceCall, "%s() start a HEAD request on fd %i\n", function, desc.fd);
+        md::setOption(desc, CURLOPT_NOBODY, 1L);
+    }
+    if (desc.postData != nullptr) {
+        md::setOption(desc, CURLOPT_POSTFIELDS, desc.postData);
+        md::setOption(desc, CURLOPT_POSTFIELDSIZE, static_cast<long>(desc.postDataSize));
+    }
+    applyTransferMode(desc);
+    if (startPos != 0 || (desc.dlnaTransferMode == 0 && desc.forceRange)) {
+        noteRange(desc, startPos);
+    }
+    applyProxy(desc, function);
+    if (!desc.userAgent.empty()) {
+        md::setOption(desc, CURLOPT_USERAGENT, desc.userAgent.c_str());
+    }
+    if (!desc.requestHeaderLines.empty() || (desc.postData != nullptr && desc.requestedStart >= 0)) {
+        mdchHttpCurl_rebuildRequestHeaders(desc, nullptr, function);
+    }
+    applyCookies(desc, function);
+    mdchHttpCurl_applyTls(ptr, function);
+    if (!appendTo(desc.http200Aliases, "ICY 200 OK")) {
+        desc.lacking |= md::kPartOptions;
+    }
+    md::setOption(desc, CURLOPT_HTTP200ALIASES, desc.http200Aliases);
+}
+
 } // namespace
 
 void mdchHttpCurl_discardRequest(MdchCurlDescriptor_struct& desc)
@@ -222,12 +257,13 @@ void mdchHttpCurl_discardRequest(MdchCurlDescriptor_struct& desc)
     desc.rebuildHeaders = false;
     desc.rangeText[0] = '\0';
     desc.requestedStart = -1;
+    desc.lacking = 0;
     desc.state = md::kStateConstructed;
 }
 
 void mdchHttpCurl_dropFormerRequest(MdchCurlDescriptor_struct& desc, MdpLock& lock)
 {
-    if (desc.easy == nullptr) {
+    if (desc.easy == nullptr && desc.state == md::kStateConstructed) {
         return;
     }
     lock.unlock();
@@ -242,23 +278,31 @@ void mdchHttpCurl_dropFormerRequest(MdchCurlDescriptor_struct& desc, MdpLock& lo
 void mdchHttpCurl_rebuildRequestHeaders(MdchCurlDescriptor_struct& desc, const char* extraLine,
                                         const char* function)
 {
-    curl_easy_setopt(desc.easy, CURLOPT_HTTPHEADER, nullptr);
-    curl_slist_free_all(desc.requestHeaders);
-    desc.requestHeaders = nullptr;
-    const auto add = [&desc, function](const char* line) {
+    curl_slist* list = nullptr;
+    bool isComplete = true;
+    const auto add = [&](const char* line) { isComplete = appendTo(list, line) && isComplete; };
+    const auto addAndTrace = [&](const char* line) {
         MDCH_TRACE(md::kTraceCall, "%s() add header to request: %s\n", function, line);
-        appendTo(desc.requestHeaders, line);
+        add(line);
     };
     for (const std::string& line : desc.requestHeaderLines) {
-        add(line.c_str());
+        addAndTrace(line.c_str());
     }
     if (desc.postData != nullptr && desc.requestedStart >= 0) {
-        add(("Range: bytes=" + std::string(desc.rangeText)).c_str());
+        std::array<char, sizeof desc.rangeText + 16> range{};
+        std::snprintf(range.data(), range.size(), "Range: bytes=%s", desc.rangeText);
+        addAndTrace(range.data());
     }
     if (extraLine != nullptr) {
-        appendTo(desc.requestHeaders, extraLine);
+        add(extraLine);
     }
-    curl_easy_setopt(desc.easy, CURLOPT_HTTPHEADER, desc.requestHeaders);
+    desc.lacking &= ~static_cast<std::uint32_t>(md::kPartHeaderLines);
+    if (curl_easy_setopt(desc.easy, CURLOPT_HTTPHEADER, list) != CURLE_OK || !isComplete) {
+        desc.lacking |= md::kPartHeaderLines;
+    }
+    // libcurl keeps the list that it was given last, so the former one goes now.
+    std::swap(list, desc.requestHeaders);
+    curl_slist_free_all(list);
 }
 
 void mdchHttpCurl_setRange(MdchCurlDescriptor_struct& desc, std::int64_t position, const char* function)
@@ -275,32 +319,13 @@ std::int32_t mdchHttpCurl_initDescriptor(const boost::shared_ptr<MdchCurlDescrip
     allocateReceiveBuffer(*desc, __func__);
     desc->startPos = startPos;
     desc->writePos = startPos;
+    desc->lacking = 0;
     desc->easy = curl_easy_init();
-    CURL* easy = desc->easy;
-    setBasics(*desc);
-    if (desc->headRequest) {
-        MDCH_TRACE(md::kTraceCall, "%s() start a HEAD request on fd %i\n", __func__, desc->fd);
-        curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
+    try {
+        configure(desc, startPos, __func__);
+    } catch (const std::bad_alloc&) {
+        desc->lacking |= md::kPartOptions;
     }
-    if (desc->postData != nullptr) {
-        curl_easy_setopt(easy, CURLOPT_POSTFIELDS, desc->postData);
-        curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE, static_cast<long>(desc->postDataSize));
-    }
-    applyTransferMode(*desc);
-    if (startPos != 0 || (desc->dlnaTransferMode == 0 && desc->forceRange)) {
-        noteRange(*desc, startPos);
-    }
-    applyProxy(easy, __func__);
-    if (!desc->userAgent.empty()) {
-        curl_easy_setopt(easy, CURLOPT_USERAGENT, desc->userAgent.c_str());
-    }
-    if (!desc->requestHeaderLines.empty() || (desc->postData != nullptr && desc->requestedStart >= 0)) {
-        mdchHttpCurl_rebuildRequestHeaders(*desc, nullptr, __func__);
-    }
-    applyCookies(*desc, __func__);
-    mdchHttpCurl_applyTls(desc, __func__);
-    appendTo(desc->http200Aliases, "ICY 200 OK");
-    curl_easy_setopt(easy, CURLOPT_HTTP200ALIASES, desc->http200Aliases);
     desc->state = md::kStateConfigured;
     return 0;
 }

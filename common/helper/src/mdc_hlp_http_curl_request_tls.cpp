@@ -1,4 +1,4 @@
-#include "mdc_hlp_http_curl.h"
+#include "mdc_hlp_http_curl_option.h"
 #include "mdc_hlp_http_ssl.h"
 #include "mdc_hlp_trace.h"
 
@@ -19,25 +19,24 @@ constexpr const char* kCipherList =
 
 // Verification against the transfer's own list. A pooled connection or a resumed session was verified against
 // another list, or none, so neither may be used; nor may others use this one, hence it is not kept.
-void verifyAgainstOwnList(const MdchCurlDescriptor_struct& desc, long verifyHost)
+void verifyAgainstOwnList(MdchCurlDescriptor_struct& desc, long verifyHost)
 {
-    CURL* easy = desc.easy;
-    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, verifyHost);
-    curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, mdchHttpCurl_sslctxCallback);
-    curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, md::numberAsPointer(desc.fd));
-    curl_easy_setopt(easy, CURLOPT_CAINFO, nullptr);
-    curl_easy_setopt(easy, CURLOPT_FRESH_CONNECT, 1L);
-    curl_easy_setopt(easy, CURLOPT_FORBID_REUSE, 1L);
-    curl_easy_setopt(easy, CURLOPT_SSL_SESSIONID_CACHE, 0L);
-    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+    md::setOption(desc, CURLOPT_SSL_VERIFYHOST, verifyHost);
+    md::setOption(desc, CURLOPT_SSL_CTX_FUNCTION, mdchHttpCurl_sslctxCallback);
+    md::setOption(desc, CURLOPT_SSL_CTX_DATA, md::numberAsPointer(desc.fd));
+    md::setOption(desc, CURLOPT_CAINFO, static_cast<char*>(nullptr));
+    md::setOption(desc, CURLOPT_FRESH_CONNECT, 1L);
+    md::setOption(desc, CURLOPT_FORBID_REUSE, 1L);
+    md::setOption(desc, CURLOPT_SSL_SESSIONID_CACHE, 0L);
+    md::setOption(desc, CURLOPT_SSL_VERIFYPEER, 1L);
 }
 
-void verifyNothing(const MdchCurlDescriptor_struct& desc, const char* function)
+void verifyNothing(MdchCurlDescriptor_struct& desc, const char* function)
 {
     MDCH_TRACE(md::kTraceNotice, "%s:%d:%s(): not verifying host side\n", md::traceBaseName(__FILE__),
                __LINE__, function);
-    curl_easy_setopt(desc.easy, CURLOPT_SSL_VERIFYHOST, 0L);
-    curl_easy_setopt(desc.easy, CURLOPT_SSL_VERIFYPEER, 0L);
+    md::setOption(desc, CURLOPT_SSL_VERIFYHOST, 0L);
+    md::setOption(desc, CURLOPT_SSL_VERIFYPEER, 0L);
 }
 
 void applyVerification(const md::MdchDescriptorPtr& ptr, const char* function)
@@ -57,7 +56,7 @@ void applyVerification(const md::MdchDescriptorPtr& ptr, const char* function)
     } else if (desc.caPath.empty()) {
         MDCH_TRACE(md::kTraceCall, "%s(): Neither X509 nor ca_path set for https on fd %i\n", function,
                    desc.fd);
-        curl_easy_setopt(desc.easy, CURLOPT_SSL_VERIFYPEER, 1L);
+        md::setOption(desc, CURLOPT_SSL_VERIFYPEER, 1L);
     } else {
         MDCH_TRACE(md::kTraceCall, "%s(): request secured connection via ca_path for fd %i\n", function,
                    desc.fd);
@@ -67,21 +66,21 @@ void applyVerification(const md::MdchDescriptorPtr& ptr, const char* function)
     }
 }
 
-void applyClientCertificate(const MdchCurlDescriptor_struct& desc, const char* function)
+void applyClientCertificate(MdchCurlDescriptor_struct& desc, const char* function)
 {
     if (!desc.clientCertificate.empty()) {
         MDCH_TRACE(md::kTraceCall, "%s(): set client certificate for fd %i\n", function, desc.fd);
-        curl_easy_setopt(desc.easy, CURLOPT_SSLCERT, desc.clientCertificate.c_str());
+        md::setOption(desc, CURLOPT_SSLCERT, desc.clientCertificate.c_str());
         if (strcasestr(desc.clientCertificate.c_str(), ".p12") != nullptr) {
             MDCH_TRACE(md::kTraceCall, "%s(): certificate type is P12 for fd %i\n", function, desc.fd);
-            curl_easy_setopt(desc.easy, CURLOPT_SSLCERTTYPE, "P12");
+            md::setOption(desc, CURLOPT_SSLCERTTYPE, "P12");
         }
     }
     if (!desc.keyPassword.empty()) {
         MDCH_TRACE(md::kTraceCall, "%s(): setting ssl key passswd\n", function);
     }
     // Also when empty: without it OpenSSL would ask for a pass phrase on the terminal.
-    curl_easy_setopt(desc.easy, CURLOPT_KEYPASSWD, desc.keyPassword.c_str());
+    md::setOption(desc, CURLOPT_KEYPASSWD, desc.keyPassword.c_str());
 }
 
 bool isHttps(const std::string& url)
@@ -98,7 +97,7 @@ void mdchHttpCurl_applyTls(const boost::shared_ptr<MdchCurlDescriptor_struct>& d
         return;
     }
     applyVerification(desc, function);
-    curl_easy_setopt(desc->easy, CURLOPT_SSL_CIPHER_LIST, kCipherList);
+    md::setOption(*desc, CURLOPT_SSL_CIPHER_LIST, kCipherList);
     applyClientCertificate(*desc, function);
-    curl_easy_setopt(desc->easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1));
+    md::setOption(*desc, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1));
 }

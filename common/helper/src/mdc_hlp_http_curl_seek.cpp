@@ -1,11 +1,13 @@
 #include "mdc_hlp_http_curl_engine.h"
+#include "mdc_hlp_http_curl_option.h"
 #include "mdc_hlp_sigpipe.h"
 #include "mdc_hlp_trace.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstdio>
 #include <limits>
-#include <string>
 
 namespace {
 
@@ -103,11 +105,13 @@ void seekToTime(HttpEngine& engine, MdchCurlDescriptor_struct& desc, std::uint32
     constexpr std::uint32_t kPerSecond = 1000;
     md::removeFromMulti(engine, desc);
     desc.requestedStart = -1;
-    curl_easy_setopt(desc.easy, CURLOPT_RANGE, nullptr);
+    desc.lacking &= ~static_cast<std::uint32_t>(md::kPartRange);
+    md::setOption(desc, CURLOPT_RANGE, static_cast<char*>(nullptr), md::kPartRange);
     // The milliseconds stand as a plain number, without leading zeros: that is the form that goes out.
-    const std::string line = "TimeSeekRange.dlna.org: npt=" + std::to_string(milliseconds / kPerSecond) +
-                             "." + std::to_string(milliseconds % kPerSecond) + "-";
-    mdchHttpCurl_rebuildRequestHeaders(desc, line.c_str(), function);
+    std::array<char, 64> line{};
+    std::snprintf(line.data(), line.size(), "TimeSeekRange.dlna.org: npt=%u.%u-", milliseconds / kPerSecond,
+                  milliseconds % kPerSecond);
+    mdchHttpCurl_rebuildRequestHeaders(desc, line.data(), function);
     desc.rebuildHeaders = true;
     leavePlace(desc);
     desc.writePos = 0;

@@ -159,9 +159,9 @@ bool FtpAccess::Impl::isSecure() const
 CURLcode FtpAccess::Impl::configure(CURL* easy, const UploadSource& source)
 {
     CURLcode result = CURLE_OK;
-    const auto set = [easy, &result](CURLoption option, auto value) {
-        const CURLcode code = curl_easy_setopt(easy, option, value);
-        result = result == CURLE_OK ? code : result;
+    const auto note = [&result](CURLcode code) { result = result == CURLE_OK ? code : result; };
+    const auto set = [easy, &note](CURLoption option, auto value) {
+        note(curl_easy_setopt(easy, option, value));
     };
     set(CURLOPT_UPLOAD, 1L);
     set(CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(source.size()));
@@ -176,8 +176,8 @@ CURLcode FtpAccess::Impl::configure(CURL* easy, const UploadSource& source)
     set(CURLOPT_FTP_CREATE_MISSING_DIRS, 1L);
     set(CURLOPT_URL, url.c_str());
 
-    setCurlBasics(easy);
-    allowOnly(easy, CurlProtocols::kFtp);
+    note(setCurlBasics(easy));
+    note(allowOnly(easy, CurlProtocols::kFtp));
     // Otherwise the environment's proxy gets the file, by HTTP and with the password.
     set(CURLOPT_PROXY, "");
     set(CURLOPT_NOPROXY, "");
