@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
 #include <new>
 #include <strings.h>
 #include <utility>
@@ -149,12 +150,18 @@ void classify(MdchCurlDescriptor_struct& desc, long status, const char* function
     }
 }
 
+struct FreeList
+{
+    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+
 void takeCookies(MdchCurlDescriptor_struct& desc, const char* function)
 {
     curl_slist* list = nullptr;
     if (curl_easy_getinfo(desc.easy, CURLINFO_COOKIELIST, &list) != CURLE_OK) {
         return;
     }
+    const std::unique_ptr<curl_slist, FreeList> owned(list);
     if (!desc.cookiesReceived) {
         desc.callerCookies = desc.cookies; // the next open sends these, never the lines below
         desc.cookiesReceived = true;
@@ -164,7 +171,6 @@ void takeCookies(MdchCurlDescriptor_struct& desc, const char* function)
         joined += entry == list ? "" : ";";
         joined += entry->data;
     }
-    curl_slist_free_all(list);
     desc.cookies.swap(joined);
     if (!desc.cookies.empty()) {
         MDCH_TRACE(md::kTraceCall, "%s(): got cookies on fd %i: '%s'\n", function, desc.fd,
