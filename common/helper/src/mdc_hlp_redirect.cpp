@@ -2,6 +2,7 @@
 
 #include "mdc_hlp_redirect_names.h"
 #include "mdc_hlp_redirect_query.h"
+#include "mdc_hlp_redirect_read.h"
 #include "mdc_hlp_trace.h"
 #include "mdc_hlp_url_patch.h"
 
@@ -30,26 +31,26 @@ void useMmsh(std::string& url)
 // whose first line is a bare URL is taken by the reader for those.
 bool findInBody(const HeaderQuery& query, std::string& url)
 {
-    if (beginsWithAny(query.contentType, kTextTypes) && parseM3U(query.body, url)) {
+    if (beginsWithAny(query.contentType, kTextTypes) && readM3U(query.body, url)) {
         MDCH_TRACE(kTraceNotice, "%s() m3u redirect to %s\n", kName, url.c_str());
         return true;
     }
     bool mmsh = false;
-    if (parseASX(query.body, url, mmsh)) {
+    if (readASX(query.body, url, mmsh)) {
         MDCH_TRACE(kTraceNotice, "%s() ASX redirect to %s\n", kName, url.c_str());
         if (mmsh) {
             useMmsh(url);
         }
         return true;
     }
-    if (parseSIMPLE(query.body, url)) {
+    if (readSIMPLE(query.body, url)) {
         MDCH_TRACE(kTraceNotice, "%s() SIMPLE redirect to %s\n", kName, url.c_str());
         if (beginsWithAny(query.contentType, kAsxTypes)) {
             useMmsh(url);
         }
         return true;
     }
-    if (parseM3U(query.body, url)) {
+    if (readM3U(query.body, url)) {
         MDCH_TRACE(kTraceNotice, "%s() m3u redirect (2) to %s\n", kName, url.c_str());
         return true;
     }

@@ -1,5 +1,6 @@
 #include "mdc_hlp_redirect.h"
 #include "mdc_hlp_redirect_names.h"
+#include "mdc_hlp_redirect_read.h"
 #include "mdc_hlp_trace.h"
 
 #include <array>
@@ -91,49 +92,62 @@ bool takeReference(const char* text, std::string& url)
     return true;
 }
 
+template <class Parser>
+bool falseWithoutMemory(const Parser& parser)
+{
+    try {
+        return parser();
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
 } // namespace
 
-bool parseM3U(const std::string& text, std::string& url)
+bool readM3U(const std::string& text, std::string& url)
 {
     const char* at = text.c_str();
     if (!passLine(at, "#EXTM3U") || !passLine(at, "#EXTINF")) {
         return false;
     }
     if (!isMediaUrl(at)) {
-        MDCH_TRACE(kTraceNotice, "%s() Unknown protocol for redirect \"%s\"\n", __func__, at);
+        MDCH_TRACE(kTraceNotice, "%s() Unknown protocol for redirect \"%s\"\n", "parseM3U", at);
         return false;
     }
-    try {
-        url = upToLineEnd(at);
-        return true;
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
+    url = upToLineEnd(at);
+    return true;
 }
 
-bool parseASX(const std::string& text, std::string& url, bool& mmsh)
+bool readASX(const std::string& text, std::string& url, bool& mmsh)
 {
     mmsh = true;
-    try {
-        const char* tag = asxTag(text.c_str(), mmsh);
-        return (tag != nullptr && takeQuoted(tag, url)) || takeReference(text.c_str(), url);
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
+    const char* tag = asxTag(text.c_str(), mmsh);
+    return (tag != nullptr && takeQuoted(tag, url)) || takeReference(text.c_str(), url);
 }
 
-bool parseSIMPLE(const std::string& text, std::string& url)
+bool readSIMPLE(const std::string& text, std::string& url)
 {
     constexpr std::array<std::string_view, 4> kSchemes = {kHttp, kHttps, kMms, kMmsh};
     if (!beginsWithAny(text, kSchemes)) {
         return false;
     }
-    try {
-        url.assign(text.c_str(), std::strcspn(text.c_str(), "\r\n"));
-        return true;
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
+    url.assign(text.c_str(), std::strcspn(text.c_str(), "\r\n"));
+    return true;
+}
+
+bool parseM3U(const std::string& text, std::string& url)
+{
+    return falseWithoutMemory([&] { return readM3U(text, url); });
+}
+
+bool parseASX(const std::string& text, std::string& url, bool& mmsh)
+{
+    return falseWithoutMemory([&] { return readASX(text, url, mmsh); });
+}
+
+bool parseSIMPLE(const std::string& text, std::string& url)
+{
+    return falseWithoutMemory([&] { return readSIMPLE(text, url); });
 }
 
 } // namespace md

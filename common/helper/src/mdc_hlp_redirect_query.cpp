@@ -150,6 +150,9 @@ QueryStatus queryHeaderMDCH(HeaderQuery& query)
         status = kQueryFailed;
     } else if (isPlaylist(query.contentType)) {
         readBody(stream, query.body, kPatience);
+        if (query.body.empty() && stream.error() != 0) {
+            status = kQueryFailed; // what stands in the body is not known
+        }
     }
     stream.close();
     return status;
