@@ -17,13 +17,14 @@ void traceEntry(const char* operation)
     MDCH_TRACE(md::kTraceCall, "MdchUrlFile::%s() in\n", operation);
 }
 
+// Closed in a program that is executed, as everything else that the library opens.
 const char* libraryMode(int mode)
 {
     switch (mode) {
     case MDCH_MODE_READ:
-        return "rb";
+        return "rbe";
     case MDCH_MODE_WRITE:
-        return "wb";
+        return "wbe";
     default:
         return nullptr;
     }

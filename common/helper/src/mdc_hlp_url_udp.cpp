@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <boost/lexical_cast.hpp>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <new>
 #include <poll.h>
@@ -37,6 +38,20 @@ void takeOwnInterfaceOnly(int socket)
 #else
     static_cast<void>(socket);
 #endif
+}
+
+// False: none came in time. A signal of the caller's does not shorten the wait.
+bool waitForDatagram(pollfd& waited)
+{
+    using Clock = std::chrono::steady_clock;
+    const auto end = Clock::now() + std::chrono::milliseconds(kReadMilliseconds);
+    int left = kReadMilliseconds;
+    int result = 0;
+    do {
+        result = poll(&waited, 1, left);
+        left = static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count());
+    } while (result < 0 && errno == EINTR && left > 0);
+    return result > 0;
 }
 
 } // namespace
@@ -210,7 +225,7 @@ int MdchUrlUdp::read(unsigned char* buffer, unsigned int size)
     const std::shared_ptr<Socket> socket = m_socket->use();
     const bool isClosed = socket == nullptr && m_socketNumber >= 0;
     pollfd waited{socket != nullptr ? socket->number : -1, POLLIN, 0};
-    if (!isClosed && poll(&waited, 1, kReadMilliseconds) <= 0) {
+    if (!isClosed && !waitForDatagram(waited)) {
         return 0;
     }
     // Not blocking: a datagram that another reader was faster to take is none, not a wait without end.
