@@ -61,6 +61,7 @@ void arm(Kind kind, long n, bool andLater)
 std::optional<std::string> disarm()
 {
     g_kind = kNothing;
+    g_noHandle = false;
     const char* failed = g_failed;
     return failed != nullptr ? std::optional<std::string>(failed) : std::nullopt;
 }

@@ -33,7 +33,7 @@ std::optional<std::string> disarm();
 // What failed since arm, if anything has.
 const char* failedCall();
 
-// Whether libcurl has not given a handle since arm.
+// Whether libcurl has not given a handle since arm or disarm.
 bool curlGaveNoHandle();
 void noteHandle(bool isGiven);
 
