@@ -8,6 +8,8 @@
     packages_demo="nginx-light icecast2 ffmpeg openssl"
     packages_test="$packages_build $packages_demo libgtest-dev libgmock-dev minidlna curl
         vsftpd proftpd-core e2fsprogs iproute2 zsh groff-base"
+    packages_test="$packages_test apache2-bin tinyproxy-bin lighttpd lighttpd-mod-openssl squid squid-common
+        gerbera rygel"
     packages_lint="clang-format-14 clang-tidy-14 doxygen"
     packages_fuzz="$packages_build clang-14 libclang-rt-14-dev"
     packages_deb="dpkg-dev debhelper fakeroot"
@@ -20,9 +22,9 @@
     packages_sysroot="libc6-dev libcurl4-openssl-dev libssl-dev libboost-dev libboost-thread-dev libboost-system-dev
         libmount-dev libcli11-dev nlohmann-json3-dev libgtest-dev libgmock-dev"
 
-    # These exclude each other, and any other FTP server that the machine may have. The tests start them by
-    # hand, so they are not installed but unpacked, here:
-    packages_unpacked="vsftpd proftpd-core"
+    # These exclude each other, and any other FTP server that the machine may have, or would start as services
+    # of the machine. The tests start them by hand, so they are not installed but unpacked, here:
+    packages_unpacked="vsftpd proftpd-core lighttpd lighttpd-mod-openssl squid squid-common gerbera rygel"
     unpack_folder="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)/build/servers"
 }
 
@@ -127,7 +129,8 @@ unpack_quietly() (
     for file in *.deb; do
         name=$(dpkg-deb -f "$file" Package)
         dpkg-deb -x "$file" "$unpack_folder" || exit 1
-        dpkg-deb -f "$file" Depends | tr ',' '\n' | sed -n 's/^ *\(lib[^ (|]*\).*/\1/p' \
-            >"$unpack_folder/$name.libraries"
+        # Perl and JavaScript are for what the tests leave alone: database log-ins, pages for browsers.
+        dpkg-deb -f "$file" Depends | tr ',' '\n' | sed -n 's/^ *\(lib[^ (|]*\).*/\1/p' |
+            sed '/^libjs-/d; /-perl$/d' >"$unpack_folder/$name.libraries"
     done
 )

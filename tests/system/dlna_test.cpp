@@ -1,31 +1,24 @@
 // Streams from a real media server in the delivery modes: bytes, capabilities, seeks, and what it refuses.
-#include "support_process.h"
+#include "support_media_servers.h"
 
 #include "mdc_hlp_http_access.h"
 #include "mdc_hlp_url.h"
 #include "mdc_hlp_url_base.h"
-#include "support/sockets.h"
-#include "support/temp_dir.h"
 #include "support/wait.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <gtest/gtest.h>
-#include <map>
-#include <memory>
 #include <random>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <utility>
 #include <vector>
 
 namespace {
 
-constexpr std::chrono::seconds kStartDeadline{30};
 constexpr unsigned int kPiece = 10000; // no divisor of any buffer size
 
 constexpr std::int32_t kPlain = 0;
@@ -44,98 +37,16 @@ void makeMedia(const std::string& file, const std::vector<std::string>& options)
     }
 }
 
-// A media server of the test's own, with a film, a song and a picture that its content directory lists.
-class MiniDlna
+// A film, a song and a picture.
+void putMedia(const std::string& folder)
 {
-public:
-    MiniDlna()
-    {
-        m_folder.makeDir("media");
-        // Larger than the receive buffer, so that seeks ask the server.
-        makeMedia(path("film.mp4"), {"testsrc2=size=352x288:rate=25:duration=8", "-f", "lavfi", "-i",
+    // Larger than the receive buffer, so that seeks ask the server.
+    makeMedia(folder + "/film.mp4", {"testsrc2=size=352x288:rate=25:duration=8", "-f", "lavfi", "-i",
                                      "sine=frequency=440:duration=8", "-c:v", "libx264", "-preset",
                                      "ultrafast", "-pix_fmt", "yuv420p", "-b:v", "2M", "-c:a", "aac"});
-        makeMedia(path("song.mp3"), {"sine=frequency=440:duration=20:sample_rate=44100", "-b:a", "320k"});
-        makeMedia(path("picture.jpg"), {"testsrc2=size=640x480", "-frames:v", "1"});
-        constexpr int kAttempts = 10; // another program may take the port between its choice and the start
-        for (int attempt = 0; attempt < kAttempts; ++attempt) {
-            if (start()) {
-                return;
-            }
-        }
-        throw std::runtime_error("minidlnad does not start: " + support::readFile(m_folder.file("log")));
-    }
-
-    std::string url(const std::string& extension) const { return m_urls.at(extension); }
-    std::string content(const std::string& name) const { return support::readFile(path(name)); }
-
-private:
-    std::string path(const std::string& name) const { return m_folder.file("media/" + name); }
-
-    bool start()
-    {
-        m_port = support::LoopbackPort().port();
-        const std::string port = std::to_string(m_port);
-        // A database of its own for each attempt.
-        const std::string state = m_folder.makeDir("state" + port);
-        const std::string file = m_folder.write(
-            "minidlna.conf", "port=" + port +
-                                 "\nnetwork_interface=lo\ninotify=no\nfriendly_name=test\n"
-                                 "media_dir=" +
-                                 m_folder.file("media") + "\ndb_dir=" + state + "\nlog_dir=" + state +
-                                 "\nminissdpdsocket=" + state + "/none\n");
-        support::giveAway(m_folder.path());
-        support::ProcessOptions options;
-        options.standardOutput = m_folder.file("log");
-        options.standardError = m_folder.file("log.err");
-        options.withoutPrivileges = true;
-        m_process = std::make_unique<support::Process>(
-            std::vector<std::string>{"minidlnad", "-d", "-R", "-f", file, "-P", state + "/pid"}, options);
-        support::waitUntil([this] { return !m_process->isRunning() || findMedia(); }, kStartDeadline);
-        return m_process->isRunning() && m_urls.size() == kItems;
-    }
-
-    // What is in the folder "Browse Folders"; empty while nobody answers.
-    std::string browse() const
-    {
-        const std::string body =
-            "<?xml version=\"1.0\"?>"
-            "<s:Envelope xmlns:s=\"http://schemas.xmlsoap.org/soap/envelope/\"><s:Body>"
-            "<u:Browse xmlns:u=\"urn:schemas-upnp-org:service:ContentDirectory:1\">"
-            "<ObjectID>64</ObjectID><BrowseFlag>BrowseDirectChildren</BrowseFlag><Filter>*</Filter>"
-            "<StartingIndex>0</StartingIndex><RequestedCount>0</RequestedCount><SortCriteria></SortCriteria>"
-            "</u:Browse></s:Body></s:Envelope>";
-        try {
-            support::RawClient client(m_port);
-            client.send("POST /ctl/ContentDir HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(m_port) +
-                        "\r\nSOAPAction: \"urn:schemas-upnp-org:service:ContentDirectory:1#Browse\"\r\n"
-                        "Content-Type: text/xml\r\nConnection: close\r\nContent-Length: " +
-                        std::to_string(body.size()) + "\r\n\r\n" + body);
-            return client.readAll();
-        } catch (const std::system_error&) {
-            return {};
-        }
-    }
-
-    bool findMedia()
-    {
-        m_urls.clear();
-        const std::string listing = browse();
-        const std::string start = "http://127.0.0.1:" + std::to_string(m_port) + "/MediaItems/";
-        for (std::size_t at = listing.find(start); at != std::string::npos;
-             at = listing.find(start, at + 1)) {
-            const std::string found = listing.substr(at, listing.find('&', at) - at);
-            m_urls[found.substr(found.rfind('.') + 1)] = found;
-        }
-        return m_urls.size() == kItems;
-    }
-
-    static constexpr std::size_t kItems = 3;
-    support::TempDir m_folder{"minidlna"};
-    std::uint16_t m_port = 0;
-    std::map<std::string, std::string> m_urls; // by extension
-    std::unique_ptr<support::Process> m_process;
-};
+    makeMedia(folder + "/song.mp3", {"sine=frequency=440:duration=20:sample_rate=44100", "-b:a", "320k"});
+    makeMedia(folder + "/picture.jpg", {"testsrc2=size=640x480", "-frames:v", "1"});
+}
 
 class MiniDlnaTest : public testing::Test
 {
@@ -144,10 +55,12 @@ protected:
     {
         m_ext = {};
         m_ext.flags = mode;
-        return mdch_OpenUrl(m_server.url(extension).c_str(), MDCH_MODE_READ, &m_ext, m_stream);
+        return mdch_OpenUrl(m_server.item(extension).c_str(), MDCH_MODE_READ, &m_ext, m_stream);
     }
 
     md::HttpAccess& http() const { return dynamic_cast<md::HttpAccess&>(*m_stream); }
+
+    std::string contentOf(const std::string& name) const { return support::readFile(m_server.file(name)); }
 
     // Up to that many bytes; all to the end without a number.
     std::string read(std::size_t count = std::string::npos) const
@@ -194,7 +107,7 @@ protected:
         EXPECT_EQ(m_stream->tell(), static_cast<long long>(content.size()));
     }
 
-    MiniDlna m_server;
+    support::MiniDlna m_server{putMedia};
     mdch_UrlExtended_struct m_ext{};
     boost::shared_ptr<MdchUrlBase> m_stream;
 };
@@ -209,7 +122,7 @@ TEST_F(MiniDlnaTest, FilmAndSongArriveWholeInEveryModeThatTheServerOffers)
             ASSERT_EQ(open(extension, mode), 0);
             EXPECT_EQ(http().getResponseCode(), 200);
             EXPECT_EQ(header("transferMode.dlna.org"), name);
-            expectWhole(m_server.content(file));
+            expectWhole(contentOf(file));
         }
     }
 }
@@ -235,9 +148,9 @@ TEST_F(MiniDlnaTest, PicturesAreForInteractiveAndFilmsAreNot)
     EXPECT_EQ(header("transferMode.dlna.org"), "Interactive");
     const std::string features = header("contentFeatures.dlna.org");
     EXPECT_NE(features.find("DLNA.ORG_PN=JPEG_"), std::string::npos) << features;
-    expectWhole(m_server.content("picture.jpg"));
+    expectWhole(contentOf("picture.jpg"));
     ASSERT_EQ(open("jpg", kBackground), 0);
-    expectWhole(m_server.content("picture.jpg"));
+    expectWhole(contentOf("picture.jpg"));
 
     const std::pair<const char*, std::int32_t> refused[] = {
         {"mp4", kInteractive}, {"mp3", kInteractive}, {"jpg", kStreaming}};
@@ -245,13 +158,13 @@ TEST_F(MiniDlnaTest, PicturesAreForInteractiveAndFilmsAreNot)
         EXPECT_EQ(open(extension, mode), 2) << extension;
         EXPECT_EQ(m_ext.error, 2) << extension;
         EXPECT_EQ(http().getResponseCode(), 406) << extension;
-        EXPECT_EQ(mdch_UrlOpenExt(m_server.url(extension).c_str(), MDCH_MODE_READ, &m_ext), 0U) << extension;
+        EXPECT_EQ(mdch_UrlOpenExt(m_server.item(extension).c_str(), MDCH_MODE_READ, &m_ext), 0U) << extension;
     }
 }
 
 TEST_F(MiniDlnaTest, SeeksToRandomPositionsGiveTheirBytes)
 {
-    const std::string film = m_server.content("film.mp4");
+    const std::string film = contentOf("film.mp4");
     ASSERT_GT(film.size(), 1000000U);
     ASSERT_EQ(open("mp4", kStreaming), 0);
     std::mt19937 random(5);
@@ -283,7 +196,7 @@ TEST_F(MiniDlnaTest, SeeksToRandomPositionsGiveTheirBytes)
 
 TEST_F(MiniDlnaTest, LastBytesAndTheStartAgain)
 {
-    const std::string film = m_server.content("film.mp4");
+    const std::string film = contentOf("film.mp4");
     const auto size = static_cast<long long>(film.size());
     ASSERT_EQ(open("mp4", kBackground), 0);
     ASSERT_EQ(m_stream->seek(-1, SEEK_END), 0);
@@ -299,7 +212,7 @@ TEST_F(MiniDlnaTest, LastBytesAndTheStartAgain)
 
 TEST_F(MiniDlnaTest, PauseKeepsEveryByte)
 {
-    const std::string film = m_server.content("film.mp4");
+    const std::string film = contentOf("film.mp4");
     ASSERT_EQ(open("mp4", kStreaming), 0);
     const std::string start = read(300000);
     ASSERT_EQ(m_stream->pause(), 0);
@@ -310,7 +223,7 @@ TEST_F(MiniDlnaTest, PauseKeepsEveryByte)
 
 TEST_F(MiniDlnaTest, ATimeSeekIsRefusedAndDisturbsNothing)
 {
-    const std::string film = m_server.content("film.mp4");
+    const std::string film = contentOf("film.mp4");
     ASSERT_EQ(open("mp4", kStreaming), 0);
     const std::string start = read(100000);
     EXPECT_EQ(m_stream->seekTime(2000), -ESPIPE);
@@ -328,7 +241,7 @@ TEST_F(MiniDlnaTest, ATimeSeekIsRefusedAndDisturbsNothing)
     EXPECT_EQ(m_stream->error(), ESPIPE);
 
     m_ext.flags = kStreaming;
-    const unsigned int handle = mdch_UrlOpenExt(m_server.url("mp3").c_str(), MDCH_MODE_READ, &m_ext);
+    const unsigned int handle = mdch_UrlOpenExt(m_server.item("mp3").c_str(), MDCH_MODE_READ, &m_ext);
     ASSERT_NE(handle, 0U);
     EXPECT_TRUE(support::waitUntil(
         [handle] { return mdch_UrlSeekTime(handle, 2000) == -1 && mdch_UrlError(handle) == ESPIPE; }));
@@ -338,7 +251,7 @@ TEST_F(MiniDlnaTest, ATimeSeekIsRefusedAndDisturbsNothing)
 // The server answers a range behind the end with 400, which must not count as a failure of the stream.
 TEST_F(MiniDlnaTest, TheEndIsAPlaceToSeekTo)
 {
-    const std::string film = m_server.content("film.mp4");
+    const std::string film = contentOf("film.mp4");
     const auto size = static_cast<long long>(film.size());
     ASSERT_EQ(open("mp4", kStreaming), 0);
     for (int round = 0; round < 3; ++round) {

@@ -1,0 +1,206 @@
+#include "support_media_servers.h"
+
+#include <filesystem>
+#include <iterator>
+#include <utility>
+
+namespace support {
+
+namespace {
+
+std::string unescaped(std::string text)
+{
+    const std::pair<const char*, const char*> entities[] = {
+        {"&lt;", "<"}, {"&gt;", ">"}, {"&quot;", "\""}, {"&amp;", "&"}};
+    for (const auto& [entity, letter] : entities) {
+        for (std::size_t at = 0; (at = text.find(entity, at)) != std::string::npos; ++at) {
+            text.replace(at, std::string(entity).size(), letter);
+        }
+    }
+    return text;
+}
+
+// What stands between two marks, again and again.
+std::vector<std::string> allBetween(const std::string& text, const std::string& begin, const std::string& end)
+{
+    std::vector<std::string> found;
+    for (std::size_t at = 0; (at = text.find(begin, at)) != std::string::npos;) {
+        at += begin.size();
+        found.push_back(text.substr(at, text.find(end, at) - at));
+    }
+    return found;
+}
+
+std::string firstBetween(const std::string& text, const std::string& begin, const std::string& end)
+{
+    const std::vector<std::string> all = allBetween(text, begin, end);
+    return all.empty() ? std::string() : all.front();
+}
+
+} // namespace
+
+MediaServer::MediaServer(const std::string& name, const PutMedia& putMedia, std::string control,
+                         std::string root)
+    : LocalServer(name), m_control(std::move(control)), m_root(std::move(root))
+{
+    putMedia(folder().makeDir("media"));
+    m_files = static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(mediaFolder()),
+                                                     std::filesystem::directory_iterator()));
+}
+
+bool MediaServer::isReady()
+{
+    constexpr int kDeepest = 8;
+    m_items.clear();
+    findItems(m_root, kDeepest);
+    return m_items.size() >= m_files;
+}
+
+std::string MediaServer::browse(const std::string& container) const
+{
+    const std::string body =
+        "<?xml version=\"1.0\"?><s:Envelope xmlns:s=\"http://schemas.xmlsoap.org/soap/envelope/\" "
+        "s:encodingStyle=\"http://schemas.xmlsoap.org/soap/encoding/\"><s:Body>"
+        "<u:Browse xmlns:u=\"urn:schemas-upnp-org:service:ContentDirectory:1\"><ObjectID>" +
+        container +
+        "</ObjectID><BrowseFlag>BrowseDirectChildren</BrowseFlag><Filter>*</Filter>"
+        "<StartingIndex>0</StartingIndex><RequestedCount>0</RequestedCount><SortCriteria></SortCriteria>"
+        "</u:Browse></s:Body></s:Envelope>";
+    const Result answer =
+        runToEnd({"curl", "--silent", "--noproxy", "*", "--header", "Content-Type: text/xml", "--header",
+                  "SOAPAction: \"urn:schemas-upnp-org:service:ContentDirectory:1#Browse\"", "--data", body,
+                  base() + m_control});
+    return unescaped(answer.out);
+}
+
+void MediaServer::findItems(const std::string& container, int depth)
+{
+    const std::string listing = browse(container);
+    for (const std::string& item : allBetween(listing, "<item ", "</item>")) {
+        for (const std::string& resource : allBetween(item, "<res ", "</res>")) {
+            const std::string address = unescaped(resource.substr(resource.find('>') + 1));
+            m_items.try_emplace(address.substr(address.rfind('.') + 1),
+                                address); // the first is the file itself
+        }
+    }
+    if (depth > 0 && m_items.empty()) {
+        for (const std::string& below : allBetween(listing, "<container ", ">")) {
+            findItems(firstBetween(" " + below, " id=\"", "\""), depth - 1);
+        }
+    }
+}
+
+MiniDlna::MiniDlna(const PutMedia& putMedia) : MediaServer("minidlna", putMedia, "/ctl/ContentDir", "64")
+{
+    ProcessOptions options;
+    options.withoutPrivileges = true;
+    start(1, options);
+}
+
+std::vector<std::string> MiniDlna::command()
+{
+    // A database of its own for each attempt.
+    const std::string state = folder().makeDir("state" + std::to_string(port()));
+    const std::string file =
+        folder().write("minidlna.conf", "port=" + std::to_string(port()) +
+                                            "\nnetwork_interface=lo\ninotify=no\nfriendly_name=test\n"
+                                            "media_dir=" +
+                                            mediaFolder() + "\ndb_dir=" + state + "\nlog_dir=" + state +
+                                            "\nminissdpdsocket=" + state + "/none\n");
+    return {"minidlnad", "-d", "-R", "-f", file, "-P", state + "/pid"};
+}
+
+MediaNetwork::MediaNetwork()
+{
+    if (!m_network) {
+        throw Unavailable(m_network.problem());
+    }
+    // Without IPv6: its addresses cannot be used before they are known to be the only ones.
+    const std::string name = kInterface;
+    m_network.ip("link add " + name + " type veth peer name other");
+    m_network.ip("link set " + name + " addrgenmode none");
+    m_network.ip("link set other addrgenmode none");
+    m_network.ip("address add " + std::string(kAddress) + "/24 dev " + name);
+    m_network.ip("link set " + name + " up");
+    m_network.ip("link set other up");
+    m_network.ip("route replace 224.0.0.0/4 dev " + name);
+}
+
+namespace {
+
+constexpr const char* kGerberaPort = "49200"; // it takes none below 49152; the network is its own
+
+} // namespace
+
+Gerbera::Gerbera(const PutMedia& putMedia) : MediaServer("gerbera", putMedia, "/upnp/control/cds", "0")
+{
+    start(0);
+}
+
+std::string Gerbera::base() const
+{
+    return std::string("http://") + MediaNetwork::kAddress + ":" + kGerberaPort;
+}
+
+std::vector<std::string> Gerbera::command()
+{
+    const std::string home = folder().makeDir("home");
+    const std::string data = unpackedFile("/usr/share/gerbera");
+    const std::string file = folder().write(
+        "config.xml",
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+        "<config version=\"2\" xmlns=\"http://mediatomb.cc/config/2\">\n"
+        "<server><ui enabled=\"no\"/><name>test</name>"
+        "<udn>uuid:5c02b3a4-1111-4222-8333-123456789abc</udn><home>" +
+            home + "</home><webroot>" + data +
+            "/web</webroot><storage><sqlite3 enabled=\"yes\"><database-file>db</database-file></sqlite3>"
+            "</storage></server>\n"
+            "<import hidden-files=\"no\"><scripting script-charset=\"UTF-8\"><common-script>" +
+            data + "/js/common.js</common-script><playlist-script>" + data +
+            "/js/playlists.js</playlist-script><virtual-layout type=\"disabled\"/></scripting>"
+            "<mappings><extension-mimetype ignore-unknown=\"no\"><map from=\"wav\" to=\"audio/x-wav\"/>"
+            "</extension-mimetype></mappings></import>\n</config>\n");
+    return {unpackedFile("/usr/bin/gerbera"),
+            "--ip",
+            MediaNetwork::kAddress,
+            "--port",
+            kGerberaPort,
+            "--config",
+            file,
+            "--home",
+            home,
+            "--add",
+            mediaFolder()};
+}
+
+// It finds its files in /usr only: there they are for this process alone, laid over the machine's own.
+Rygel::Rygel(const PutMedia& putMedia)
+    : MediaServer("rygel", putMedia, "/Control/MediaExport/RygelContentDirectory", "0")
+{
+    const Result overlay = runToEnd({"unshare", "--mount", "mount", "-t", "overlay", "overlay", "-o",
+                                     "lowerdir=" + unpackedFile("/usr") + ":/usr", "/usr"});
+    if (overlay.status != 0) {
+        throw Unavailable("no overlay file system in a mount namespace: " + overlay.err);
+    }
+    const std::string home = folder().makeDir("home");
+    ProcessOptions options;
+    options.setting = {"HOME=" + home, "XDG_CACHE_HOME=" + home, "XDG_CONFIG_HOME=" + home,
+                       "XDG_DATA_HOME=" + home, "XDG_RUNTIME_DIR=" + home};
+    options.unset = {"DBUS_SESSION_BUS_ADDRESS", "DISPLAY"};
+    start(1, options);
+}
+
+std::vector<std::string> Rygel::command()
+{
+    const std::string script =
+        "mount -t overlay overlay -o lowerdir=\"$1\":/usr /usr && exec /usr/bin/rygel --port \"$2\" "
+        "--network-interface " +
+        std::string(MediaNetwork::kInterface) +
+        " --plugin-option \"MediaExport:uris:$3\" --plugin-option GstMediaEngine:transcoders:mp3 "
+        "--disable-plugin MPRIS --disable-plugin External --disallow-upload --disallow-deletion";
+    return {
+        "unshare",    "--mount", "sh", "-c", script, "rygel", unpackedFile("/usr"), std::to_string(port()),
+        mediaFolder()};
+}
+
+} // namespace support
