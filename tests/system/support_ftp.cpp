@@ -41,13 +41,6 @@ std::string groupOf(const passwd& user)
     return found->gr_name;
 }
 
-// The two packages cannot be installed side by side; ./test unpacks them.
-std::string serverProgram(const std::string& name)
-{
-    const std::string unpacked = SERVER_FOLDER "/usr/sbin/" + name;
-    return access(unpacked.c_str(), X_OK) == 0 ? unpacked : name;
-}
-
 void makeServed(const TempDir& folder, const std::string& name, mode_t mode, bool isOwned)
 {
     const std::string path = folder.makeDir(name);
@@ -59,6 +52,12 @@ void makeServed(const TempDir& folder, const std::string& name, mode_t mode, boo
 }
 
 } // namespace
+
+std::string serverProgram(const std::string& name)
+{
+    const std::string unpacked = SERVER_FOLDER "/usr/sbin/" + name;
+    return access(unpacked.c_str(), X_OK) == 0 ? unpacked : name;
+}
 
 FtpHost::FtpHost(std::string user, std::string password)
     : m_user(std::move(user)), m_password(std::move(password))

@@ -12,6 +12,9 @@
 
 namespace support {
 
+// "vsftpd" or "proftpd". The two packages cannot be installed side by side; ./test unpacks them.
+std::string serverProgram(const std::string& name);
+
 class FtpHost
 {
 public:

@@ -79,8 +79,10 @@ void MediaServer::findItems(const std::string& container, int depth)
     for (const std::string& item : allBetween(listing, "<item ", "</item>")) {
         for (const std::string& resource : allBetween(item, "<res ", "</res>")) {
             const std::string address = unescaped(resource.substr(resource.find('>') + 1));
-            m_items.try_emplace(address.substr(address.rfind('.') + 1),
-                                address); // the first is the file itself
+            if (m_items.empty()) {
+                m_first = address; // of an item, the file itself comes first
+            }
+            m_items.try_emplace(address.substr(address.rfind('.') + 1), address);
         }
     }
     if (depth > 0 && m_items.empty()) {
@@ -173,7 +175,7 @@ std::vector<std::string> Gerbera::command()
             mediaFolder()};
 }
 
-// It finds its files in /usr only: there they are for this process alone, laid over the machine's own.
+// It finds its files in /usr and /etc only: there they are for this process alone, laid over the machine's own.
 Rygel::Rygel(const PutMedia& putMedia)
     : MediaServer("rygel", putMedia, "/Control/MediaExport/RygelContentDirectory", "0")
 {
@@ -185,22 +187,29 @@ Rygel::Rygel(const PutMedia& putMedia)
     const std::string home = folder().makeDir("home");
     ProcessOptions options;
     options.setting = {"HOME=" + home, "XDG_CACHE_HOME=" + home, "XDG_CONFIG_HOME=" + home,
-                       "XDG_DATA_HOME=" + home, "XDG_RUNTIME_DIR=" + home};
+                       "XDG_DATA_HOME=" + home, "XDG_RUNTIME_DIR=" + home,
+                       // What there is of its plugins takes seconds to find out, the first time.
+                       "GST_REGISTRY=" + unpackedFile("/gstreamer-registry")};
     options.unset = {"DBUS_SESSION_BUS_ADDRESS", "DISPLAY"};
     start(1, options);
 }
 
 std::vector<std::string> Rygel::command()
 {
-    const std::string script =
-        "mount -t overlay overlay -o lowerdir=\"$1\":/usr /usr && exec /usr/bin/rygel --port \"$2\" "
-        "--network-interface " +
-        std::string(MediaNetwork::kInterface) +
-        " --plugin-option \"MediaExport:uris:$3\" --plugin-option GstMediaEngine:transcoders:mp3 "
-        "--disable-plugin MPRIS --disable-plugin External --disallow-upload --disallow-deletion";
-    return {
-        "unshare",    "--mount", "sh", "-c", script, "rygel", unpackedFile("/usr"), std::to_string(port()),
-        mediaFolder()};
+    folder().write("etc/rygel.conf",
+                   "[general]\nipv6=false\ninterface=" + std::string(MediaNetwork::kInterface) +
+                       "\nport=" + std::to_string(port()) +
+                       "\nupnp-enabled=true\nenable-transcoding=true\nallow-upload=false\n"
+                       "allow-deletion=false\nlog-level=*:3\nacl-fallback-policy=true\n"
+                       "media-engine=librygel-media-engine-gst.so\n"
+                       "[GstMediaEngine]\ntranscoders=mp3\n"
+                       "[MediaExport]\nenabled=true\ntitle=test\nuris=" +
+                       mediaFolder() +
+                       "\nextract-metadata=true\nmonitor-changes=false\nvirtual-folders=false\n"
+                       "[MPRIS]\nenabled=false\n[External]\nenabled=false\n");
+    const std::string script = "mount -t overlay overlay -o lowerdir=\"$1\":/usr /usr && "
+                               "mount -t overlay overlay -o lowerdir=\"$2\":/etc /etc && exec /usr/bin/rygel";
+    return {"unshare", "--mount", "sh", "-c", script, "rygel", unpackedFile("/usr"), folder().file("etc")};
 }
 
 } // namespace support

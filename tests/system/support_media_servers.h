@@ -20,6 +20,10 @@ class MediaServer : public LocalServer
 public:
     // Where an item lies, by the ending of its address.
     std::string item(const std::string& ending) const { return m_items.at(ending); }
+    // The only one's.
+    const std::string& onlyItem() const { return m_first; }
+
+    // A medium as it was put there.
     std::string file(const std::string& name) const { return folder().file("media/" + name); }
 
     // "http://ADDRESS:PORT"
@@ -40,6 +44,7 @@ private:
     std::string m_root;
     std::size_t m_files = 0;
     std::map<std::string, std::string> m_items;
+    std::string m_first;
 };
 
 class MiniDlna : public MediaServer
@@ -80,6 +85,7 @@ class Rygel : public MediaServer
 {
 public:
     explicit Rygel(const PutMedia& putMedia); // in a MediaNetwork; throws Unavailable
+    std::string address() const override { return MediaNetwork::kAddress; }
 
 private:
     std::vector<std::string> command() override;

@@ -44,7 +44,7 @@ std::vector<std::string> Tinyproxy::command()
         "tinyproxy.conf", "Port " + std::to_string(port()) +
                               "\nListen 127.0.0.1\nTimeout 600\nMaxClients 50\nLogFile \"" +
                               folder().file("output.log") + "\"\nLogLevel Warning\nBasicAuth " + user() +
-                              " \"" + password() + "\"\n");
+                              " " + password() + "\n");
     return {"tinyproxy", "-d", "-c", file};
 }
 

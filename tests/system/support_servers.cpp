@@ -39,8 +39,11 @@ void LocalServer::start(std::size_t portCount, const ProcessOptions& options)
         }
         m_process = std::make_unique<Process>(words, own);
         waitUntil([this] { return !m_process->isRunning() || isReady(); }, kStartDeadline);
-        if (m_process->isRunning() && isReady()) {
-            return;
+        if (m_process->isRunning()) {
+            if (isReady()) {
+                return;
+            }
+            break; // it was not the port
         }
     }
     throw std::runtime_error(m_name + " does not start: " + complaint());

@@ -51,11 +51,23 @@ void Apache::addFile(const std::string& name, const std::string& content) const
     folder().write("files/" + name, content);
 }
 
+// It listens for a moment while it reads its configuration for the first of two times; behind the second it says who
+// it is.
+bool Apache::isReady()
+{
+    return !readFile(folder().file("pid")).empty() && LocalServer::isReady();
+}
+
+std::string Apache::complaint() const
+{
+    return readFile(folder().file("apache.log"));
+}
+
 std::vector<std::string> Apache::command()
 {
-    std::string text = "ServerName 127.0.0.1\nServerRoot " + folder().path() + "\nDefaultRuntimeDir " +
-                       folder().path() +
-                       "\nPidFile pid\nErrorLog error.log\nListen 127.0.0.1:" + std::to_string(port()) + "\n";
+    std::string text =
+        "ServerName 127.0.0.1\nServerRoot " + folder().path() + "\nDefaultRuntimeDir " + folder().path() +
+        "\nPidFile pid\nErrorLog apache.log\nListen 127.0.0.1:" + std::to_string(port()) + "\n";
     for (const std::string name : {"mpm_event", "authz_core", "mime", "alias"}) {
         text += "LoadModule " + name + "_module /usr/lib/apache2/modules/mod_" + name + ".so\n";
     }

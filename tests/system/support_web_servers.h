@@ -32,6 +32,8 @@ public:
 
 private:
     std::vector<std::string> command() override;
+    bool isReady() override;
+    std::string complaint() const override;
 };
 
 } // namespace support
