@@ -121,6 +121,10 @@ bool Icecast::announce(const std::string& mount, const std::string& query) const
 
 bool Icecast::isOnAir() const
 {
+    // Nobody asks before the source is there: the server does not survive every connection while it starts.
+    if (readFile(m_folder.file("error.log")).find("Source logging in") == std::string::npos) {
+        return false;
+    }
     RawClient client(m_port);
     client.send("GET " + m_mount + " HTTP/1.0\r\n\r\n");
     return client.readUntil("\r\n").find(" 200 ") != std::string::npos;
