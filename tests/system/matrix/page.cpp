@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
-#include <regex>
 #include <sstream>
 
 namespace matrix {
@@ -26,9 +25,15 @@ std::string versionOf(const Column& column)
     }
     const support::Result result =
         support::runToEnd({"bash", "-c", "PATH=$PATH:/usr/sbin:/sbin; { " + command + "; } 2>&1 0>&1 | cat"});
-    std::smatch found;
-    const std::regex number("[0-9]+\\.[0-9]+[0-9A-Za-z.]*");
-    return std::regex_search(result.out, found, number) ? found.str() : "unknown";
+    std::istringstream words(result.out);
+    for (std::string word; words >> word;) {
+        const std::size_t start = word.find_first_of("0123456789");
+        const std::size_t end = word.find_first_not_of("0123456789.abcdefghijklmnopqrstuvwxyz", start);
+        if (start != std::string::npos && word.find('.', start) < end) {
+            return word.substr(start, end - start);
+        }
+    }
+    return "unknown";
 }
 
 std::vector<std::string> rowsOf(const std::vector<Column>& group)
@@ -100,7 +105,7 @@ constexpr const char* kRows = R"(
 | Headers | the response's lines, and what the stream says it can do |
 | Redirect | to another address, and seeking there |
 | Errors | missing, forbidden, refused, failed, and that the next open is well |
-| Crash | the server is killed in the middle: what came is right, the rest is an error, nothing hangs |
+| Crash | killed in the middle: what came is right, the rest an error (without a length: the end), nothing hangs |
 | LogIn | the proxy's password, right, wrong and none |
 | TimeSeek | by play time where it is offered; elsewhere it is refused, and disturbs nothing |
 | Titles | a title that changes on air |
@@ -180,6 +185,9 @@ std::map<std::pair<std::string, std::string>, std::string> cellsOfPage(const std
     for (std::string text; std::getline(lines, text);) {
         if (text.rfind("| ", 0) != 0) {
             names.clear();
+            continue;
+        }
+        if (text.rfind("| ---", 0) == 0) {
             continue;
         }
         std::vector<std::string> fields;
