@@ -128,12 +128,6 @@ MediaNetwork::MediaNetwork()
     m_network.ip("route replace 224.0.0.0/4 dev " + name);
 }
 
-namespace {
-
-constexpr const char* kGerberaPort = "49200"; // it takes none below 49152; the network is its own
-
-} // namespace
-
 Gerbera::Gerbera(const PutMedia& putMedia) : MediaServer("gerbera", putMedia, "/upnp/control/cds", "0")
 {
     start(0);
@@ -141,12 +135,13 @@ Gerbera::Gerbera(const PutMedia& putMedia) : MediaServer("gerbera", putMedia, "/
 
 std::string Gerbera::base() const
 {
-    return std::string("http://") + MediaNetwork::kAddress + ":" + kGerberaPort;
+    return std::string("http://") + MediaNetwork::kAddress + ":" + std::to_string(m_port);
 }
 
 std::vector<std::string> Gerbera::command()
 {
-    const std::string home = folder().makeDir("home");
+    ++m_port; // another one for each attempt
+    const std::string home = folder().makeDir("home" + std::to_string(m_port));
     const std::string data = unpackedFile("/usr/share/gerbera");
     const std::string file = folder().write(
         "config.xml",
@@ -166,7 +161,7 @@ std::vector<std::string> Gerbera::command()
             "--ip",
             MediaNetwork::kAddress,
             "--port",
-            kGerberaPort,
+            std::to_string(m_port),
             "--config",
             file,
             "--home",

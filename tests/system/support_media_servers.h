@@ -78,6 +78,8 @@ public:
 
 private:
     std::vector<std::string> command() override;
+
+    int m_port = 49200; // it takes none below 49152; the network is its own
 };
 
 // With its transcoder: beside each song there is an item that ends in "mp3", made while it is sent.
