@@ -93,7 +93,8 @@ public:
 
     Kind take(const std::string& line)
     {
-        if (line == "\r\n" || line == "\n") {
+        // As libcurl ends a header.
+        if (!line.empty() && line.back() == '\n' && (line.front() == '\r' || line.front() == '\n')) {
             m_ended = true;
             return Kind::blank;
         }

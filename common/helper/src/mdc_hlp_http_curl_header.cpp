@@ -236,7 +236,7 @@ bool keepLine(MdchCurlDescriptor_struct& desc, const char* data, std::size_t siz
 // writes CR LF through a text mode.
 bool isBlankLine(const char* data, std::size_t size)
 {
-    return size > 0 && (data[0] == '\r' || data[0] == '\n');
+    return size > 0 && data[size - 1] == '\n' && (data[0] == '\r' || data[0] == '\n');
 }
 
 } // namespace
