@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <memory>
@@ -66,6 +67,11 @@ Certificate firstCertificateIn(const std::string& path)
         ERR_clear_error(); // a file without a certificate is no error of the next TLS call
     }
     return certificate;
+}
+
+bool isFolderItself(const dirent& entry)
+{
+    return std::strcmp(entry.d_name, ".") == 0 || std::strcmp(entry.d_name, "..") == 0;
 }
 
 // Some file systems do not tell the type in the entry.
@@ -130,7 +136,9 @@ std::int32_t md::mdchHttpSsl_AddCertificates(const boost::shared_ptr<MdchCurlDes
     }
     while (const dirent* entry = readdir(opened.get())) {
         if (!isFileOrLink(opened.get(), *entry)) {
-            MDCH_TRACE(kTraceError, "\x1b[1;31m%s: ignore '%s'.\x1b[0m\n", __func__, entry->d_name);
+            // "." and ".." are in every folder: no failure, whatever the text looks like.
+            const unsigned int level = isFolderItself(*entry) ? kTraceCall : kTraceError;
+            MDCH_TRACE(level, "\x1b[1;31m%s: ignore '%s'.\x1b[0m\n", __func__, entry->d_name);
             continue;
         }
         const std::string path = directory + "/" + entry->d_name;
