@@ -73,6 +73,12 @@ public:
     }
     std::size_t requestCountLocked() const { return requests_.size(); }
 
+    void recordNothing()
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        recordsRequests_ = false;
+    }
+
     bool usesTls() const { return tls_ != nullptr; }
     ConnectionPool& pool() { return pool_; }
 
@@ -89,6 +95,7 @@ private:
     std::map<std::string, std::shared_ptr<Handler>, std::less<>> scripts_;
     std::shared_ptr<Handler> fallback_;
     std::vector<Request> requests_;
+    bool recordsRequests_ = true;
     std::map<std::string, Traffic, std::less<>> traffic_;
     ConnectionPool pool_;
 };
@@ -136,6 +143,9 @@ void HttpServer::Impl::record(Connection& connection, const Request& request)
 {
     connection.update([](ConnectionInfo& info) { ++info.requests; });
     const std::lock_guard<std::mutex> lock(mutex_);
+    if (!recordsRequests_) {
+        return;
+    }
     requests_.push_back(request);
     changed_.notify_all();
 }
@@ -209,6 +219,11 @@ void HttpServer::on(std::string path, Handler handler)
 void HttpServer::otherwise(Handler handler)
 {
     impl_->setFallback(std::move(handler));
+}
+
+void HttpServer::recordNothing()
+{
+    impl_->recordNothing();
 }
 
 std::uint16_t HttpServer::port() const

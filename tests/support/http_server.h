@@ -48,6 +48,9 @@ public:
     // For all paths that have no script: 404 unless set.
     void otherwise(Handler handler);
 
+    // For runs without end: requests are not kept from here on, and requests() and waitForRequests() see none.
+    void recordNothing();
+
     // --- Where ---
 
     std::uint16_t port() const;
