@@ -7,7 +7,7 @@
         libboost-thread-dev libboost-system-dev libmount-dev libcli11-dev nlohmann-json3-dev"
     packages_demo="nginx-light icecast2 ffmpeg openssl"
     packages_test="$packages_build $packages_demo libgtest-dev libgmock-dev minidlna curl
-        vsftpd proftpd-core e2fsprogs iproute2 zsh groff-base"
+        vsftpd proftpd-core e2fsprogs iproute2 nftables zsh groff-base"
     packages_test="$packages_test apache2-bin tinyproxy-bin lighttpd lighttpd-mod-openssl squid squid-common
         gerbera rygel"
     packages_lint="clang-format-14 clang-tidy-14 doxygen"

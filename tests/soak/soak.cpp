@@ -135,6 +135,7 @@ public:
         }
         md::HttpAccess::shutdown();
         m_ledger.closeAll();
+        printProgress();
         return report();
     }
 
@@ -199,8 +200,12 @@ private:
             << std::endl;
     }
 
-    void printProgress() const
+    void printProgress()
     {
+        const std::vector<std::string> unexplained = m_ledger.unexplained();
+        for (; m_unexplainedPrinted < unexplained.size(); ++m_unexplainedPrinted) {
+            std::cout << "        unexplained: " << unexplained[m_unexplainedPrinted] << "\n";
+        }
         const Sample& last = m_samples.back();
         std::array<char, 200> line{};
         std::snprintf(
@@ -253,10 +258,7 @@ private:
         }
         if (m_ledger.unexplainedCount() > 0) {
             passed = false;
-            std::cout << m_ledger.unexplainedCount() << " unexplained traces:\n";
-            for (const std::string& line : m_ledger.unexplained()) {
-                std::cout << "  " << line << "\n";
-            }
+            std::cout << "Failed: " << m_ledger.unexplainedCount() << " unexplained traces, see above\n";
         }
         std::cout << (passed ? "Passed" : "FAILED") << ", seed " << m_options.seed << std::endl;
         return passed;
@@ -269,6 +271,7 @@ private:
     Clock::time_point m_begin;
     std::vector<Sample> m_samples;
     Holding m_most;
+    std::size_t m_unexplainedPrinted = 0;
     std::vector<std::string> m_failures;
 };
 

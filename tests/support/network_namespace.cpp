@@ -83,8 +83,15 @@ NetworkNamespace::~NetworkNamespace()
 
 void NetworkNamespace::ip(const std::string& words) const
 {
+    run("ip " + words);
+}
+
+std::string NetworkNamespace::run(const std::string& command) const
+{
     const Visit inside(*this);
-    std::FILE* pipe = popen(("ip " + words + " 2>&1").c_str(), "re");
+    // Where such commands are is on root's PATH only.
+    const std::string line = "PATH=\"$PATH:/usr/sbin:/sbin\"; exec 2>&1; " + command;
+    std::FILE* pipe = popen(line.c_str(), "re");
     if (pipe == nullptr) {
         throw std::system_error(errno, std::generic_category(), "popen");
     }
@@ -94,8 +101,9 @@ void NetworkNamespace::ip(const std::string& words) const
         count = std::fread(part.data(), 1, part.size(), pipe);
     }
     if (pclose(pipe) != 0) {
-        throw std::runtime_error("ip " + words + ": " + said);
+        throw std::runtime_error(command + ": " + said);
     }
+    return said;
 }
 
 std::string NetworkNamespace::name() const

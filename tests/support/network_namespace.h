@@ -28,6 +28,9 @@ public:
     // Runs the system's "ip" inside, with these words; throws std::runtime_error with what it complains of.
     void ip(const std::string& words) const;
 
+    // Runs any command inside, by the shell; what it says, also as what is thrown when it fails.
+    std::string run(const std::string& command) const;
+
     // A name for "ip link add ... netns NAME".
     std::string name() const;
 
