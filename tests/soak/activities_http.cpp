@@ -289,12 +289,12 @@ class Handles : public HttpActivity
 public:
     Handles(const Site& site, Ledger& ledger, std::uint32_t seed) : HttpActivity("handle", site, ledger, seed)
     {
-        fault("404", [this](Fault& caused) {
-            caused.must("mdchHttpCurl_headerCallback(): got error 404 on fd #");
+        fault("410", [this](Fault& caused) {
+            caused.must("mdchHttpCurl_headerCallback(): got error 410 on fd #");
             caused.may("mdchHttpCurl_fillBuffer(): already done with error on fd #: 2");
             caused.says("mdc_hlp_url_base.cpp:#:mdch_OpenUrl(): error after open: 2");
             mdch_UrlExtended_struct options{};
-            demandEqual(mdch_UrlOpenExt((m_site.http + "/status/404").c_str(), MDCH_MODE_READ, &options), 0U,
+            demandEqual(mdch_UrlOpenExt((m_site.http + "/status/410").c_str(), MDCH_MODE_READ, &options), 0U,
                         "handle");
             demandEqual(options.error, 2, "error");
             opened();

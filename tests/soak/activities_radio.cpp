@@ -80,22 +80,22 @@ public:
     Lists(const Site& site, Ledger& ledger, std::uint32_t seed) : Activity("list", site, ledger, seed)
     {
         fault("no list", [this](Fault& caused) {
-            expectNotFound(caused);
+            expectStatus(caused, 403);
             caused.says("mdc_hlp_url_base.cpp:#:mdch_OpenUrl(): error after open: 2");
             caused.says("mdc_hlp_playlist.cpp:#:scanPlaylist(): Unable to open \"" + m_site.http +
-                        "/status/404\".");
+                        "/status/403\".");
             std::list<md::PlaylistEntry> entries;
             std::string text;
-            demand(md::scanPlaylist(m_site.http + "/status/404", entries, text, md::kConversionNone) < 0,
+            demand(md::scanPlaylist(m_site.http + "/status/403", entries, text, md::kConversionNone) < 0,
                    "a list that is not there");
             demand(entries.empty(), "entries of a list that is not there");
             opened();
         });
         fault("no station", [this](Fault& caused) {
-            expectNotFound(caused);
+            expectStatus(caused, 405);
             caused.says("streamNeedRedirect() error=7 Couldn't connect to server");
             std::deque<std::string> found;
-            demandEqual(md::streamNeedRedirect(m_site.http + "/status/404", found), -7, "result");
+            demandEqual(md::streamNeedRedirect(m_site.http + "/status/405", found), -7, "result");
             opened();
         });
         fault("address in Latin-1", [this](Fault& caused) {
@@ -109,9 +109,9 @@ public:
     }
 
 private:
-    static void expectNotFound(Fault& caused)
+    static void expectStatus(Fault& caused, int status)
     {
-        caused.must("mdchHttpCurl_headerCallback(): got error 404 on fd #");
+        caused.must("mdchHttpCurl_headerCallback(): got error " + std::to_string(status) + " on fd #");
         caused.may("mdchHttpCurl_fillBuffer(): already done with error on fd #: 2");
     }
 

@@ -74,7 +74,8 @@ public:
     Fault& elsewhere(std::string line); // of another thread, without one
 
     // Waits for the lines that must come and for the end of the stream, which is closed; any line that came beyond
-    // these is unexplained. Without a number: the stream is the one that has all of the lines.
+    // these is unexplained. Without a number: the stream is the one that has all of the lines, so no other fault may
+    // have the same.
     void settle(std::optional<int> number = std::nullopt);
 
 private:
