@@ -101,6 +101,10 @@ int FtpAccess::Impl::upload()
     }
     const CURLcode code = transfer(easy.get(), source);
     easy.reset();
+    {
+        const MdpLock lock(mutex);
+        m_sockets.clear();
+    }
     source.close();
     if (code != CURLE_OK) {
         MDCH_TRACE(kTraceError, "%s:%d:%s(): curl_easy_perform() failed:  errorCode: %d    %s\n", MDCH_HERE,
