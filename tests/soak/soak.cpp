@@ -135,7 +135,7 @@ public:
         }
         md::HttpAccess::shutdown();
         m_ledger.closeAll();
-        printProgress();
+        printUnexplained();
         return report();
     }
 
@@ -200,12 +200,17 @@ private:
             << std::endl;
     }
 
-    void printProgress()
+    void printUnexplained()
     {
         const std::vector<std::string> unexplained = m_ledger.unexplained();
         for (; m_unexplainedPrinted < unexplained.size(); ++m_unexplainedPrinted) {
             std::cout << "        unexplained: " << unexplained[m_unexplainedPrinted] << "\n";
         }
+    }
+
+    void printProgress()
+    {
+        printUnexplained();
         const Sample& last = m_samples.back();
         std::array<char, 200> line{};
         std::snprintf(
