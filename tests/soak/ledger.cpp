@@ -21,10 +21,8 @@ thread_local Fault* currentFault = nullptr;
 
 bool isRegistered(int number)
 {
-    std::vector<md::MdchDescriptorPtr> all;
-    md::snapshotRegistry(all);
-    return std::any_of(all.begin(), all.end(),
-                       [number](const md::MdchDescriptorPtr& desc) { return desc->fd == number; });
+    const md::MdchDescriptorPtr found = md::nextDescriptor(number - 1);
+    return found != nullptr && found->fd == number;
 }
 
 } // namespace
