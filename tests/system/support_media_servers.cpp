@@ -1,5 +1,6 @@
 #include "support_media_servers.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <iterator>
 #include <utility>
@@ -97,6 +98,16 @@ MiniDlna::MiniDlna(const PutMedia& putMedia) : MediaServer("minidlna", putMedia,
     ProcessOptions options;
     options.withoutPrivileges = true;
     start(1, options);
+}
+
+// It lists an item while it still looks into it, and may list more than one address of it.
+bool MiniDlna::isReady()
+{
+    const std::filesystem::directory_iterator files(mediaFolder());
+    return MediaServer::isReady() &&
+           std::all_of(begin(files), end(files), [this](const std::filesystem::directory_entry& file) {
+               return lists(file.path().extension().string().substr(1));
+           });
 }
 
 std::vector<std::string> MiniDlna::command()

@@ -34,6 +34,7 @@ protected:
     MediaServer(const std::string& name, const PutMedia& putMedia, std::string control, std::string root);
 
     bool isReady() override;
+    bool lists(const std::string& ending) const { return m_items.count(ending) > 0; }
     std::string mediaFolder() const { return folder().file("media"); }
 
 private:
@@ -53,6 +54,7 @@ public:
     explicit MiniDlna(const PutMedia& putMedia);
 
 private:
+    bool isReady() override;
     std::vector<std::string> command() override;
 };
 
