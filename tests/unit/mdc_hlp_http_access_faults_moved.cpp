@@ -149,8 +149,8 @@ protected:
             resumeMeets(count, end);
         }
         for (const std::size_t missing : {2U, 1U, 0U}) {
-            seekMeets(headSize(kThere) + (kSize - kThere) - missing, end);
-            resumeMeets(headSize(kHeld) + (kSize - kHeld) - missing, end);
+            seekMeets(static_cast<std::size_t>(headSize(kThere) + (kSize - kThere) - missing), end);
+            resumeMeets(static_cast<std::size_t>(headSize(kHeld) + (kSize - kHeld) - missing), end);
         }
     }
 };
