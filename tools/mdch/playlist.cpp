@@ -87,8 +87,9 @@ bool readText(PlaylistOptions& options, Interrupt& interrupt, std::vector<unsign
     interrupt.setAction(nullptr);
     text.resize(count);
     if (got < 0 || code != 0) {
-        failure = failureOf(source, "cannot read " + options.url + " after " + bytesOf(text.size(), -1), code,
-                            savedErrno);
+        failure = failureOf(
+            source, "cannot read " + options.url + " after " + bytesOf(static_cast<std::int64_t>(count), -1),
+            code, savedErrno);
         return false;
     }
     return !interrupt.requested();
