@@ -11,6 +11,7 @@
 #include "mdc_hlp_http_access.h"
 #include "mdc_hlp_icy.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <cerrno>

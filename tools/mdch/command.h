@@ -1,8 +1,11 @@
 // A command of the tool: what it takes, its help, and what it does. One file per command.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <functional>
+
+namespace CLI {
+class App; // no more than the name: the header takes the compiler long
+}
 
 namespace mdch {
 

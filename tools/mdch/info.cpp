@@ -5,6 +5,7 @@
 
 #include "mdc_hlp_http_access.h"
 
+#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <iomanip>
 #include <iostream>

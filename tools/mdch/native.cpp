@@ -5,6 +5,7 @@
 
 #include "mdc_hlp_url_nvol2.h"
 
+#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <iostream>
 #include <memory>

@@ -1,5 +1,7 @@
 #include "pages.h"
 
+#include <CLI/CLI.hpp>
+
 namespace mdch {
 
 namespace {

@@ -3,10 +3,13 @@
 
 #include "command.h"
 
-#include <CLI/CLI.hpp>
 #include <optional>
 #include <string>
 #include <vector>
+
+namespace CLI {
+class App;
+}
 
 namespace mdch {
 

@@ -7,6 +7,7 @@
 #include "mdc_hlp_playlist.h"
 #include "mdc_hlp_url_base.h"
 
+#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <chrono>
 #include <iostream>

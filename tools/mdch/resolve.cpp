@@ -7,6 +7,7 @@
 #include "mdc_hlp_redirect.h"
 #include "mdc_hlp_url.h"
 
+#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <deque>
 #include <iostream>

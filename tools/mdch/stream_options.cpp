@@ -5,6 +5,7 @@
 #include "mdc_hlp_httpproxy.h"
 #include "nvol2.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstring>
 #include <map>

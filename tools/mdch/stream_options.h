@@ -1,10 +1,13 @@
 // The options of every command that opens a stream.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <string>
 #include <vector>
+
+namespace CLI {
+class App;
+}
 
 namespace mdch {
 

@@ -6,6 +6,7 @@
 #include "mdc_hlp_url_encode.h"
 #include "mdc_hlp_url_patch.h"
 
+#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <iostream>
 #include <memory>

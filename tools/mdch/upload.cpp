@@ -8,6 +8,7 @@
 
 #include "mdc_hlp_upload.h"
 
+#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <memory>
 #include <string>

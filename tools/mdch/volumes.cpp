@@ -6,6 +6,7 @@
 
 #include "nvol2.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <iostream>

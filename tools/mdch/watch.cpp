@@ -9,6 +9,7 @@
 
 #include "mdc_hlp_http_access.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
