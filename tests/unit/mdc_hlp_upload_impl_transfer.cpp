@@ -312,7 +312,10 @@ TEST_F(Transfer, aConnectionThatEndsAtAnyPointIsANetworkFailure)
             }
             md::FtpAccess access = uploadTo(server, file);
             EXPECT_EQ(access.upload(), -2);
-            EXPECT_TRUE(access.getCurlCode() == 55 || access.getCurlCode() == 56) << access.getCurlCode();
+            const int code = access.getCurlCode();
+            // One that is reset before anybody looked was never made.
+            const bool wasUnseen = code == 7 && point == FtpServer::greeting && withReset;
+            EXPECT_TRUE(code == 55 || code == 56 || wasUnseen) << code;
         }
     }
 }
