@@ -10,8 +10,9 @@
         vsftpd proftpd-core e2fsprogs iproute2 nftables zsh groff-base"
     packages_test="$packages_test apache2-bin tinyproxy-bin lighttpd lighttpd-mod-openssl squid squid-common
         gerbera rygel"
+    packages_sanitized="clang-14 lld-14 libclang-rt-14-dev"
     packages_lint="clang-format-14 clang-tidy-14 doxygen"
-    packages_fuzz="$packages_build clang-14 libclang-rt-14-dev"
+    packages_fuzz="$packages_build $packages_sanitized"
     packages_deb="dpkg-dev debhelper fakeroot"
     packages_bench="$packages_build python3 nginx-light openssl libavformat-dev libgstreamer1.0-dev
         gstreamer1.0-plugins-base gstreamer1.0-plugins-good glib-networking libbenchmark-dev valgrind gnuplot-nox"

@@ -22,10 +22,10 @@ constexpr long long kSize = 400'000;
 constexpr std::uint64_t kBytesPerSecond = 40'000;
 
 // So many times fewer calls fail where each takes so much longer: everywhere, and over TLS.
-#if defined(__SANITIZE_THREAD__)
+#if defined(MDC_SANITIZED_THREAD)
 constexpr long kSlow = 37;
 constexpr long kSlowTls = 37;
-#elif defined(__SANITIZE_ADDRESS__)
+#elif defined(MDC_SANITIZED_ADDRESS)
 constexpr long kSlow = 1;
 constexpr long kSlowTls = 3;
 #else

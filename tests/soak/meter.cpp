@@ -8,7 +8,7 @@
 #include <memory>
 #include <unistd.h>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(MDC_SANITIZED)
 extern "C" std::size_t __sanitizer_get_current_allocated_bytes(); // GCC has it without a header
 #endif
 
@@ -18,7 +18,7 @@ constexpr std::size_t kFewest = 8;
 
 std::uint64_t allocated()
 {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(MDC_SANITIZED)
     return __sanitizer_get_current_allocated_bytes();
 #else
     const auto info = mallinfo2();

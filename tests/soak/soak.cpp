@@ -32,7 +32,7 @@ constexpr int kUsageError = 2;
 constexpr std::chrono::seconds kPatience{150}; // for a rest, and for the faults that are missing at the end
 constexpr double kKiB = 1024;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(MDC_SANITIZED)
 constexpr bool kIsSanitized = true;
 #else
 constexpr bool kIsSanitized = false;

@@ -13,7 +13,9 @@
 #include "support/http_server.h"
 #include "support/wire.h"
 
+#include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -57,6 +59,23 @@ enum class Reader
     First, // has read all there is when the fault comes
     Late   // reads behind it
 };
+
+/*
+ * How far the places that a sweep tries lie apart. Natively each is tried; sanitizers and emulation make every try
+ * several times as slow, and take a part of them, unless MDC_TEST_WIDE is set. Odd, for sweeps that alternate.
+ */
+inline std::size_t sweepStep()
+{
+#if defined(MDC_EMULATED)
+    constexpr std::size_t kStep = 11;
+#elif defined(MDC_SANITIZED)
+    constexpr std::size_t kStep = 3;
+#else
+    constexpr std::size_t kStep = 1;
+#endif
+    static const bool isWide = std::getenv("MDC_TEST_WIDE") != nullptr;
+    return isWide ? 1 : kStep;
+}
 
 class FaultSweep : public testing::TestWithParam<Way>
 {

@@ -1,5 +1,7 @@
-// Random tests: where their numbers come from, and how many rounds they make.
+// Random tests: where their numbers come from.
 #pragma once
+
+#include "support/rounds.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -23,26 +25,6 @@ inline std::uint32_t randomSeed()
         return value;
     }();
     return seed;
-}
-
-// A tenth of the rounds where an emulated processor makes each of them slow.
-constexpr int emulatedRounds(int rounds)
-{
-#if defined(MDC_EMULATED)
-    return rounds / 10;
-#else
-    return rounds;
-#endif
-}
-
-// The same also where a sanitizer does.
-constexpr int randomRounds(int rounds)
-{
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    return rounds / 10;
-#else
-    return emulatedRounds(rounds);
-#endif
 }
 
 // Shorthands over the standard generator.

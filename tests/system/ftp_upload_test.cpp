@@ -60,7 +60,7 @@ protected:
 };
 
 using Servers = testing::Types<Vsftpd, Proftpd>;
-TYPED_TEST_SUITE(RealServer, Servers);
+TYPED_TEST_SUITE(RealServer, Servers, ); // the comma: ISO C++17 wants an argument for "..."
 
 TYPED_TEST(RealServer, EveryByteArrives)
 {
@@ -190,6 +190,7 @@ TEST(VsftpdUpload, WithoutTrustNothingIsSent)
 
 // What a 32-bit count would get wrong. The file is all hole but for its ends, and the server counts and digests the
 // bytes without storing them.
+#ifndef MDC_SANITIZED_THREAD // a minute for one thread's arithmetic
 TEST(ScriptedUpload, AFileOfMoreThanFourGigabytes)
 {
     constexpr std::uint64_t kSize = (std::uint64_t{1} << 32U) + 100003;
@@ -217,5 +218,6 @@ TEST(ScriptedUpload, AFileOfMoreThanFourGigabytes)
     EXPECT_EQ(access.getProgress(total, actual), 2);
     EXPECT_EQ(actual, static_cast<double>(kSize));
 }
+#endif
 
 } // namespace

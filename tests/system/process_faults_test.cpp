@@ -106,11 +106,6 @@ private:
 
 TEST(Descriptors, whenExhaustedLeaveRunningStreamsAloneAndFailNewOnes)
 {
-#ifdef __SANITIZE_ADDRESS__
-    // UndefinedBehaviorSanitizer looks at memory through a pipe, and takes every object for a wrong one without. Calls
-    // that fail for want of descriptors have tests of their own, which run with it.
-    GTEST_SKIP() << "the sanitizer itself needs descriptors";
-#endif
     constexpr std::size_t kSize = 3'000'000; // beyond what library and system buffer
     Nginx server;                            // a process of its own, which has descriptors
     server.addFile("film", kMedia.bytes(0, kSize));

@@ -276,7 +276,7 @@ TEST_F(ProcessEnd, ofAChildThatExecsDoesNotTouchTheParentsStream)
 
 TEST_F(ProcessEnd, ofAForkedChildDoesNotWaitForAWorker)
 {
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(MDC_SANITIZED_ADDRESS)
     setenv("LSAN_OPTIONS", "detect_leaks=0",
            1); // the child's exit counts the parent's threads' memory as lost
 #endif

@@ -141,7 +141,8 @@ protected:
 
     void sweep(End end)
     {
-        const std::size_t step = isTls() ? 3 : 1; // handshakes take their time
+        // Handshakes take their time.
+        const std::size_t step = std::max<std::size_t>(isTls() ? 3 : 1, support::sweepStep());
         for (std::size_t count = 0; count < headSize(kThere) + 4; count += step) {
             seekMeets(count, end);
         }

@@ -190,7 +190,7 @@ TEST_F(Upload, everyCodeOfLibcurlHasItsResult)
                                                         : -6;
         EXPECT_EQ(Impl::convertErrorCode(static_cast<CURLcode>(code)), expected) << code;
     }
-    for (int code = 68; code < 200; ++code) {
+    for (int code = 68; code < 128; ++code) { // what the type can hold
         EXPECT_EQ(Impl::convertErrorCode(static_cast<CURLcode>(code)), -6) << code;
     }
 }

@@ -42,7 +42,7 @@ int idOf(const std::string& uuid)
 TEST(VolumesFromThreads, eachThreadsOwnVolumeIsAlwaysRight)
 {
     const int rounds = support::randomRounds(1000);
-    onThreads([rounds](int index) {
+    onThreads([&](int index) {
         const TempDir dir;
         const std::string uuid = "own-" + std::to_string(index);
         dir.write("f", uuid);
