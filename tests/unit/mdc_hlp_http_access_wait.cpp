@@ -42,6 +42,21 @@ TEST(Deadline, liesThatManySecondsAhead)
     }
 }
 
+TEST(Deadline, liesThatManyMillisecondsAhead)
+{
+    const auto nanoseconds = [](const timespec& time) {
+        return static_cast<std::int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
+    };
+    for (const long milliseconds : {0L, 1L, 999L, 1000L, 2500L}) {
+        const timespec before = now();
+        const timespec deadline = md::deadlineInMilliseconds(milliseconds);
+        const timespec after = now();
+        EXPECT_GE(nanoseconds(deadline), nanoseconds(before) + milliseconds * 1'000'000);
+        EXPECT_LE(nanoseconds(deadline), nanoseconds(after) + milliseconds * 1'000'000);
+        EXPECT_LT(deadline.tv_nsec, 1'000'000'000);
+    }
+}
+
 TEST(Deadline, isTheLastThereIsWhenNoClockReachesIt)
 {
     EXPECT_EQ(md::deadlineIn(std::numeric_limits<std::int64_t>::max()).tv_sec, kLast);

@@ -15,6 +15,7 @@
 #include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -29,16 +30,6 @@ md::MdchDescriptorPtr makeDescriptor(std::int32_t number)
     auto desc = boost::make_shared<MdchCurlDescriptor_struct>();
     desc->fd = number;
     return desc;
-}
-
-void closePipe()
-{
-    md::HttpEngine& engine = md::httpEngine();
-    const MdpLock lock(engine.wakeupMutex);
-    ::close(engine.wakeupReadEnd);
-    ::close(engine.wakeupWriteEnd);
-    engine.wakeupReadEnd = -1;
-    engine.wakeupWriteEnd = -1;
 }
 
 TEST(Descriptor, startsWithTheDocumentedValues)
@@ -188,7 +179,41 @@ TEST(Wakeup, writesOneLetterPerCall)
     char letters[8] = {};
     EXPECT_EQ(::read(md::httpEngine().wakeupReadEnd, letters, sizeof(letters)), 2);
     EXPECT_STREQ(letters, "aa");
-    closePipe();
+    md::closeWakeup();
+}
+
+TEST(Wakeup, notesWhatTheWorkerIsToLookAt)
+{
+    mdchHttpCurl_initWakeup();
+    const auto wakeFor = [](std::int32_t number) { mdchHttpCurl_wakeupWorkerFor(*makeDescriptor(number)); };
+    const auto take = [] {
+        const md::ChangedTransfers changed = md::takeWakeups(md::httpEngine().wakeupReadEnd);
+        return changed.isAll() ? std::vector<std::int32_t>{-1}
+                               : std::vector<std::int32_t>(changed.begin(), changed.end());
+    };
+    wakeFor(7);
+    wakeFor(5);
+    wakeFor(7);
+    EXPECT_EQ(take(), (std::vector<std::int32_t>{7, 5}));
+    char letter = 0;
+    EXPECT_EQ(::read(md::httpEngine().wakeupReadEnd, &letter, 1), -1) << "the pipe is empty";
+    EXPECT_EQ(take(), std::vector<std::int32_t>{});
+    wakeFor(7);
+    mdchHttpCurl_wakeupWorkerThread();
+    EXPECT_EQ(take(), std::vector<std::int32_t>{-1}) << "at all";
+    EXPECT_EQ(take(), std::vector<std::int32_t>{});
+    constexpr std::int32_t kMoreThanAreNoted = 1000;
+    for (std::int32_t number = 0; number < kMoreThanAreNoted; ++number) {
+        wakeFor(number);
+    }
+    EXPECT_EQ(take(), std::vector<std::int32_t>{-1}) << "none is forgotten";
+    wakeFor(7);
+    md::closeWakeup();
+    wakeFor(8);
+    mdchHttpCurl_initWakeup();
+    EXPECT_EQ(take(), std::vector<std::int32_t>{})
+        << "neither what an earlier engine was woken for, nor none";
+    md::closeWakeup();
 }
 
 TEST(Wakeup, hasNonBlockingEndsThatAreClosedOnExec)
@@ -198,7 +223,7 @@ TEST(Wakeup, hasNonBlockingEndsThatAreClosedOnExec)
         EXPECT_NE(::fcntl(end, F_GETFL) & O_NONBLOCK, 0);
         EXPECT_NE(::fcntl(end, F_GETFD) & FD_CLOEXEC, 0);
     }
-    closePipe();
+    md::closeWakeup();
 }
 
 TEST(Wakeup, takesAFullPipeAsWoken)
@@ -210,7 +235,7 @@ TEST(Wakeup, takesAFullPipeAsWoken)
         mdchHttpCurl_wakeupWorkerThread();
     }
     EXPECT_TRUE(trace.texts().empty());
-    closePipe();
+    md::closeWakeup();
 }
 
 TEST(Wakeup, tracesAPipeThatCannotBeMade)

@@ -8,10 +8,12 @@
 #include <ctime>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <memory>
 #include <netinet/in.h>
 #include <sys/resource.h>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -225,6 +227,48 @@ TEST_F(Worker, letsAStreamThatCannotSeekFlowAfter320SecondsOfPause)
     EXPECT_EQ(all.size(), 4 * kMegabyte);
     EXPECT_TRUE(kMedia.matches(0, all));
     EXPECT_EQ(m_server.connectionCount(), 1U);
+}
+
+// Nobody wakes the worker for that.
+TEST_F(Worker, looksAtAllTransfersWithEachBeat)
+{
+    m_server.on("/", Reply::resource(kMedia, 4 * kMegabyte));
+    TraceCapture trace;
+    HttpAccess stream;
+    stream.fcntl(MDCH_FCNTL_PAUSE_BUFFERING);
+    open(stream, "/");
+    ASSERT_TRUE(waitForDescriptor(100, [](auto& desc) { return desc.paused != 0; }));
+    inspect(100, [](auto& desc) { return desc.lastDataTime = time(nullptr) - 22; });
+    EXPECT_TRUE(trace.waitFor(at("close (in pause) fd 100.\n")));
+}
+
+// More of them than a wake-up notes.
+TEST_F(Worker, startsContinuesAndFinalisesAllThatChangeAtATime)
+{
+    m_server.on("/", Reply::resource(kMedia, kMegabyte));
+    constexpr std::size_t kCount = 70;
+    std::vector<std::unique_ptr<HttpAccess>> streams(kCount);
+    for (auto& stream : streams) {
+        stream = std::make_unique<HttpAccess>();
+    }
+    md::HttpEngine& engine = md::httpEngine();
+    {
+        const MdpFairLock lock(engine.mutex); // the worker waits
+        for (const auto& stream : streams) {
+            open(*stream, "/");
+        }
+    }
+    for (const auto& stream : streams) {
+        EXPECT_TRUE(kMedia.matches(0, support::readAll(*stream)));
+    }
+    {
+        const MdpFairLock lock(engine.mutex);
+        for (const auto& stream : streams) {
+            EXPECT_EQ(stream->close(), 0);
+        }
+        EXPECT_GE(support::registeredCount(), kCount);
+    }
+    EXPECT_TRUE(support::waitForEmptyRegistry());
 }
 
 TEST_F(Worker, leavesAPausedStreamWithoutPauseBufferingAlone)

@@ -1,6 +1,7 @@
 #include "mdc_hlp_http_access.h"
 
 #include "mdc_hlp_http_access_impl.h"
+#include "mdc_hlp_http_curl_news.h"
 #include "mdc_hlp_trace.h"
 
 #include <algorithm>
@@ -14,6 +15,9 @@
 namespace md {
 
 namespace {
+
+// How long a reader waits for all that it misses before it takes what is there.
+constexpr long kPatienceMs = 100;
 
 // A paused transfer goes on once the receive buffer holds less than this.
 constexpr std::size_t kResumeBelow = 0x18000;
@@ -92,14 +96,42 @@ Fed feed(const MdchDescriptorPtr& desc, MdpLock& lock, bool& triedResume)
     return Fed::kResumed;
 }
 
+bool isBefore(const timespec& one, const timespec& other)
+{
+    return one.tv_sec != other.tv_sec ? one.tv_sec < other.tv_sec : one.tv_nsec < other.tv_nsec;
+}
+
+enum class Waited
+{
+    kTold,
+    kNotSoon, // not told within the time that the reader waits for all that it misses
+    kTimedOut
+};
+
+// What comes steadily wakes the reader when all that it misses is there. What comes slowly it takes piece by piece,
+// as others may want to see how far it is: then it waits for any byte.
+Waited waitForData(MdchCurlDescriptor_struct& desc, MdpLock& lock, const timespec& deadline,
+                   std::size_t missing, bool isForAll)
+{
+    const timespec soon = deadlineInMilliseconds(kPatienceMs);
+    const bool endsSoon = isForAll && isBefore(soon, deadline);
+    wantBytes(desc, endsSoon ? missing : 1);
+    if (lock.wait(desc.cond, endsSoon ? &soon : &deadline) != ETIMEDOUT) {
+        return Waited::kTold;
+    }
+    return endsSoon ? Waited::kNotSoon : Waited::kTimedOut;
+}
+
 // Fills what is missing, waiting up to the data time-out.
 void fill(const MdchDescriptorPtr& desc, MdpLock& lock, Reading& reading)
 {
     const timespec deadline = deadlineIn(desc->dataTimeout);
     bool triedResume = false;
+    auto waited = Waited::kTold;
     for (;;) {
         if (reading.take(*desc)) {
             triedResume = false; // the transfer may have filled the buffer and paused again meanwhile
+            waited = Waited::kTold;
         }
         const Fed fed = feed(desc, lock, triedResume);
         if (reading.isOvertaken(*desc)) {
@@ -114,9 +146,13 @@ void fill(const MdchDescriptorPtr& desc, MdpLock& lock, Reading& reading)
         if (desc->dataTimeout == 0 || reading.missing() == 0 || desc->done != 0) {
             break;
         }
-        MDCH_TRACE(kTraceCall, "%s(): wait for data on fd %i (bufSize = %i; missing = %i\n", "read", desc->fd,
-                   static_cast<int>(desc->ringBuffer.usedBytes()), static_cast<int>(reading.missing()));
-        if (lock.wait(desc->cond, &deadline) == ETIMEDOUT) {
+        if (waited == Waited::kTold) {
+            MDCH_TRACE(kTraceCall, "%s(): wait for data on fd %i (bufSize = %i; missing = %i\n", "read",
+                       desc->fd, static_cast<int>(desc->ringBuffer.usedBytes()),
+                       static_cast<int>(reading.missing()));
+        }
+        waited = waitForData(*desc, lock, deadline, reading.missing(), waited == Waited::kTold);
+        if (waited == Waited::kTimedOut) {
             MDCH_TRACE(kTraceError, "%s(): wait for data TIMEDOUT on fd %i\n", "read", desc->fd);
             return;
         }
@@ -219,7 +255,7 @@ int HttpAccess::start(const char* url, const void* body, unsigned int length, lo
         setBody(*desc, body, length);
         mdchHttpCurl_initDescriptor(desc, startPos);
     }
-    mdchHttpCurl_wakeupWorkerThread();
+    mdchHttpCurl_wakeupWorkerFor(*desc);
     return number;
 }
 
@@ -290,7 +326,7 @@ int HttpAccess::close()
         const MdpLock lock = lockDescriptor(*desc);
         mdchHttpCurl_endForReaders(*desc, "close");
     }
-    mdchHttpCurl_wakeupWorkerThread();
+    mdchHttpCurl_wakeupWorkerFor(*desc);
     return 0;
 }
 

@@ -40,6 +40,9 @@ private:
 /* CLOCK_REALTIME in that many seconds; far away rather than overflowing. */
 timespec deadlineIn(std::int64_t seconds);
 
+/* Likewise, in that many milliseconds. */
+timespec deadlineInMilliseconds(long milliseconds);
+
 /* Moves a deadline on by that many seconds. */
 void extendDeadline(timespec& deadline, std::int64_t seconds);
 

@@ -14,6 +14,19 @@ timespec deadlineIn(std::int64_t seconds)
     return deadline;
 }
 
+timespec deadlineInMilliseconds(long milliseconds)
+{
+    constexpr long kPerSecond = 1000;
+    constexpr long kNanoseconds = 1000000;
+    timespec deadline = deadlineIn(milliseconds / kPerSecond);
+    deadline.tv_nsec += milliseconds % kPerSecond * kNanoseconds;
+    if (deadline.tv_nsec >= kPerSecond * kNanoseconds) {
+        deadline.tv_nsec -= kPerSecond * kNanoseconds;
+        extendDeadline(deadline, 1);
+    }
+    return deadline;
+}
+
 void extendDeadline(timespec& deadline, std::int64_t seconds)
 {
     time_t end = 0;

@@ -2,14 +2,10 @@
 
 #include "mdc_hlp_http_curl_engine.h"
 #include "mdc_hlp_http_ssl.h"
+#include "mdc_hlp_sigpipe.h"
 #include "mdc_hlp_trace.h"
 
-#include <array>
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
-#include <unistd.h>
 #include <utility>
 
 namespace md {
@@ -61,6 +57,14 @@ MdchDescriptorPtr nextDescriptor(std::int32_t behind)
     return next != engine.registry.end() ? next->second : MdchDescriptorPtr();
 }
 
+MdchDescriptorPtr findDescriptor(std::int32_t number)
+{
+    HttpEngine& engine = httpEngine();
+    const MdpLock lock(engine.registryMutex);
+    const auto found = engine.registry.find(number);
+    return found != engine.registry.end() ? found->second : MdchDescriptorPtr();
+}
+
 void unregisterDescriptor(const MdchCurlDescriptor_struct& desc)
 {
     HttpEngine& engine = httpEngine();
@@ -109,6 +113,7 @@ void removeFromMulti(HttpEngine& engine, MdchCurlDescriptor_struct& desc)
         return;
     }
     desc.inMulti = 0;
+    const SigpipeBlocked noSigpipe; // a connection that is closed here may have lost its peer
     curl_multi_remove_handle(engine.multi, desc.easy);
 }
 
@@ -116,16 +121,11 @@ void removeFromMulti(HttpEngine& engine, MdchCurlDescriptor_struct& desc)
 
 boost::shared_ptr<md::MdchCurlDescriptor_struct> mdchHttpCurl_getContext(int fd)
 {
-    {
-        md::HttpEngine& engine = md::httpEngine();
-        const MdpLock lock(engine.registryMutex);
-        const auto found = engine.registry.find(fd);
-        if (found != engine.registry.end()) {
-            return found->second;
-        }
+    md::MdchDescriptorPtr desc = md::findDescriptor(fd);
+    if (desc == nullptr) {
+        MDCH_TRACE(md::kTraceError, "%s(): requested unknown descriptor %i\n", __func__, fd);
     }
-    MDCH_TRACE(md::kTraceError, "%s(): requested unknown descriptor %i\n", __func__, fd);
-    return {};
+    return desc;
 }
 
 void mdchHttpCurl_addDescriptor(boost::shared_ptr<md::MdchCurlDescriptor_struct> desc)
@@ -145,50 +145,6 @@ void mdchHttpCurl_shutdown()
     md::HttpEngine& engine = md::httpEngine();
     const MdpFairLock lock(engine.mutex);
     engine.shutdown = true;
-}
-
-void mdchHttpCurl_initWakeup()
-{
-    std::array<int, 2> ends{-1, -1};
-    // Non-blocking: neither a full pipe nor a drained one may hold a thread that has locks.
-    if (pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
-        MDCH_TRACE(md::kTraceError, "%s(): cannot create wakeup pipe: %s\n", __func__, std::strerror(errno));
-        return;
-    }
-    md::HttpEngine& engine = md::httpEngine();
-    {
-        const MdpLock lock(engine.wakeupMutex);
-        std::swap(engine.wakeupReadEnd, ends[0]);
-        std::swap(engine.wakeupWriteEnd, ends[1]);
-    }
-    for (const int former : ends) {
-        if (former >= 0) {
-            ::close(former);
-        }
-    }
-}
-
-bool mdchHttpCurl_hasWakeup()
-{
-    md::HttpEngine& engine = md::httpEngine();
-    const MdpLock lock(engine.wakeupMutex);
-    return engine.wakeupWriteEnd > 0;
-}
-
-void mdchHttpCurl_wakeupWorkerThread()
-{
-    md::HttpEngine& engine = md::httpEngine();
-    // Locked, because a shutdown closes the pipe and its number may be somebody's file a moment later.
-    const MdpLock lock(engine.wakeupMutex);
-    if (engine.wakeupWriteEnd <= 0) {
-        return;
-    }
-    const char wake = 'a';
-    // EAGAIN: the pipe is full of wake-ups already.
-    if (::write(engine.wakeupWriteEnd, &wake, 1) < 0 && errno != EAGAIN) {
-        MDCH_TRACE(md::kTraceError, "%s(): cannot write to wakeup pipe: %s\n", __func__,
-                   std::strerror(errno));
-    }
 }
 
 std::uint64_t mdchHttpCurl_passCount()

@@ -4,11 +4,12 @@
  * A descriptor is shared between the stream that reads from it and the worker that fills it, and is found
  * only through the registry, by the number that libcurl hands back to its callbacks. The units:
  *
- *   mdc_hlp_http_curl.cpp                             descriptor, registry, wake-up pipe, error codes
+ *   mdc_hlp_http_curl.cpp                             descriptor, registry, error codes
  *   mdc_hlp_http_curl_request.cpp, _request_tls.cpp   a descriptor becomes a configured libcurl handle
  *   mdc_hlp_http_curl_header.cpp, _header_rules.cpp   response header blocks, and the rules for a line
- *   mdc_hlp_http_curl_write.cpp                       body bytes
+ *   mdc_hlp_http_curl_write.cpp, _news.cpp            body bytes, and how readers learn of them
  *   mdc_hlp_http_curl_worker.cpp, _sockets.cpp        the worker's loop, and what it watches
+ *   mdc_hlp_http_curl_wakeup.cpp                      how others wake it
  *   mdc_hlp_http_curl_seek.cpp                        seek, time seek, pause, resume
  *
  * Locks, always taken in this order: engine (multi handle, shutdown flag), registry (map of numbers),
@@ -59,6 +60,14 @@ enum MdchRequestPart : std::uint32_t
     kPartOptions = 1, // everything else
     kPartRange = 2,
     kPartHeaderLines = 4
+};
+
+/* What those who wait on a descriptor are to be told. The greater one holds the smaller. */
+enum class MdchNews : std::uint8_t
+{
+    kNone,
+    kData,  // for readers that miss no more than is there
+    kForAll // whatever they wait for
 };
 
 constexpr std::int64_t kLengthNotYetKnown = -11;
@@ -136,11 +145,13 @@ struct MdchCurlDescriptor_struct
     std::int64_t requestedStart = -1;    // first byte asked for with a Range; -1: none was asked for
     std::int64_t contentRangeStart = -1; // first byte that Content-Range names; -1: none
     std::int64_t leadingSkip = 0;        // bytes that come before requestedStart, still to be dropped
-    std::uint32_t lacking = 0;   // MdchRequestPart bits: no memory for these, so the request is not sent
-    bool resumed = false;        // the request goes on behind bytes that came before a pause
-    bool misplaced = false;      // the body begins behind requestedStart: none of it is delivered
-    std::size_t headerBytes = 0; // size of responseHeaders' texts
-    std::string callerCookies;   // what the caller set, once cookies holds received ones
+    std::uint32_t lacking = 0;       // MdchRequestPart bits: no memory for these, so the request is not sent
+    std::size_t wantedBytes = 0;     // a reader waits until so many are buffered; 0: whoever waits, for any
+    MdchNews news = MdchNews::kNone; // what the worker's pass has brought and not told yet
+    bool resumed = false;            // the request goes on behind bytes that came before a pause
+    bool misplaced = false;          // the body begins behind requestedStart: none of it is delivered
+    std::size_t headerBytes = 0;     // size of responseHeaders' texts
+    std::string callerCookies;       // what the caller set, once cookies holds received ones
     bool cookiesReceived = false;
     std::size_t dlnaLinesAt = 0;       // where in requestHeaderLines the request added its DLNA lines
     std::size_t dlnaLines = 0;         // and how many
@@ -173,7 +184,7 @@ inline std::size_t bufferedBytes(const MdchCurlDescriptor_struct& desc)
 
 } // namespace md
 
-// --- Registry and wake-up (mdc_hlp_http_curl.cpp); any thread ---
+// --- Registry (mdc_hlp_http_curl.cpp) and wake-up (mdc_hlp_http_curl_wakeup.cpp); any thread ---
 
 /* The descriptor registered under fd, or an empty pointer and a trace. */
 boost::shared_ptr<md::MdchCurlDescriptor_struct> mdchHttpCurl_getContext(int fd);
@@ -192,6 +203,9 @@ bool mdchHttpCurl_hasWakeup();
 
 /* Makes the worker look at all transfers. Never blocks; does nothing without a pipe. */
 void mdchHttpCurl_wakeupWorkerThread();
+
+/* Likewise, at this one: what it costs does not depend on how many others there are. */
+void mdchHttpCurl_wakeupWorkerFor(const md::MdchCurlDescriptor_struct& desc);
 
 /* Passes of the worker's loop since the process started: tells whether it rests. */
 std::uint64_t mdchHttpCurl_passCount();

@@ -8,6 +8,7 @@
 
 #include "mdc_hlp_http_curl.h"
 #include "mdc_hlp_http_curl_sockets.h"
+#include "mdc_hlp_http_curl_wakeup.h"
 
 #include <atomic>
 #include <limits>
@@ -29,6 +30,7 @@ struct HttpEngine
     MdpMutex wakeupMutex{kWakeupLock};
     int wakeupReadEnd = -1; // guarded by wakeupMutex, as is the other; -1: no pipe
     int wakeupWriteEnd = -1;
+    ChangedTransfers changed; // what the worker was woken for; likewise
 
     std::atomic<std::uint64_t> passes{0};
 };
@@ -42,6 +44,9 @@ HttpEngine& httpEngine();
  */
 constexpr std::int32_t kBeforeAll = std::numeric_limits<std::int32_t>::min();
 MdchDescriptorPtr nextDescriptor(std::int32_t behind);
+
+/* The descriptor registered under that number, or empty. Likewise. */
+MdchDescriptorPtr findDescriptor(std::int32_t number);
 
 /* Takes the descriptor out of the registry, unless its number belongs to another one by now. */
 void unregisterDescriptor(const MdchCurlDescriptor_struct& desc);

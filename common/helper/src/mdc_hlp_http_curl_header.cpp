@@ -1,4 +1,5 @@
 #include "mdc_hlp_http_curl_engine.h"
+#include "mdc_hlp_http_curl_news.h"
 #include "mdc_hlp_trace.h"
 
 #include <algorithm>
@@ -196,7 +197,6 @@ void endBlock(MdchCurlDescriptor_struct& desc, const char* function)
         }
     }
     takeCookies(desc, function);
-    pthread_cond_broadcast(&desc.cond);
 }
 
 // Only a status line begins a block. Trailers of a chunked body come behind the block's blank line, too.
@@ -258,6 +258,7 @@ size_t mdchHttpCurl_headerCallback(char* line, size_t size, size_t nmemb, void* 
     try {
         if (isBlankLine(line, count)) {
             endBlock(*desc, __func__);
+            md::tellAll(desc);
             return count;
         }
         // A short count makes libcurl end the transfer.

@@ -1,6 +1,5 @@
 #include "mdc_hlp_http_curl_engine.h"
 #include "mdc_hlp_http_curl_option.h"
-#include "mdc_hlp_sigpipe.h"
 #include "mdc_hlp_trace.h"
 
 #include <algorithm>
@@ -23,7 +22,6 @@ template <class Action>
 std::int32_t onTransfer(const md::MdchDescriptorPtr& desc, const char* function, Action action)
 {
     HttpEngine& engine = md::httpEngine();
-    const md::SigpipeBlocked noSigpipe; // a connection that is closed here may have lost its peer
     const MdpFairLock engineLock(engine.mutex);
     if (desc == nullptr || engine.multi == nullptr) {
         MDCH_TRACE(md::kTraceError, "%s(): requested seek without descriptor record or multi handle\n",
@@ -59,7 +57,7 @@ void restart(HttpEngine& engine, MdchCurlDescriptor_struct& desc)
     md::addToMulti(engine, desc);
     desc.paused = 0;
     desc.pausePending = false;
-    mdchHttpCurl_wakeupWorkerThread();
+    mdchHttpCurl_wakeupWorkerFor(desc);
 }
 
 void rebuildIfTimeSought(MdchCurlDescriptor_struct& desc, const char* function)
@@ -218,7 +216,7 @@ std::int32_t mdchHttpCurl_resume(const boost::shared_ptr<MdchCurlDescriptor_stru
             MDCH_TRACE(md::kTraceCall, "%s:%d:%s(): resume (from pause) fd %i. state=%i\n",
                        md::traceBaseName(__FILE__), __LINE__, function, locked.fd, locked.state);
             locked.paused = 0;
-            mdchHttpCurl_wakeupWorkerThread();
+            mdchHttpCurl_wakeupWorkerFor(locked);
         } else {
             MDCH_TRACE(md::kTraceNotice, "%s:%d:%s(): resume (from close) fd %i.\n",
                        md::traceBaseName(__FILE__), __LINE__, function, locked.fd);

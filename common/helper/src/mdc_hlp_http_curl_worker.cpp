@@ -1,8 +1,8 @@
 #include "mdc_hlp_http_curl_engine.h"
+#include "mdc_hlp_http_curl_news.h"
 #include "mdc_hlp_trace.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -68,6 +68,7 @@ private:
 
     void provideMulti();
     void actOnStates();
+    void actOn(MdchCurlDescriptor_struct& desc);
     Rest actOnState(MdchCurlDescriptor_struct& desc);
     Rest actOnPaused(MdchCurlDescriptor_struct& desc);
     static void endStuck(MdchCurlDescriptor_struct& desc);
@@ -78,21 +79,23 @@ private:
     bool provideRoom(std::size_t count);
     void prepareWait();
     void wait();
-    void drainWakeups(int readEnd);
-    static void closePipe();
 
     HttpEngine& m_engine;
-    CURLM* m_multi = nullptr;             // the engine's, which is set to null before it is freed
+    CURLM* m_multi = nullptr; // the engine's, which is set to null before it is freed
+    md::PassNews m_news;
+    md::ChangedTransfers m_changed;       // whose state somebody changed
     std::vector<pollfd> m_watched;        // the wake-up pipe first, if there is one
     std::vector<std::uint64_t> m_serials; // of m_watched's sockets
     bool m_hasPipe = false;
-    bool m_ready = false;    // m_watched holds results of the last wait
-    bool m_lookAtAll = true; // somebody changed a state
+    bool m_ready = false; // m_watched holds results of the last wait
     Clock::time_point m_lastLook;
     long m_waitMs = 0;
 };
 
-Worker::Worker() : m_engine(md::httpEngine()) {}
+Worker::Worker() : m_engine(md::httpEngine())
+{
+    m_changed.addAll();
+}
 
 // Tried again in each pass and for each transfer, which otherwise ends as soon as it is to start. Under the engine's
 // lock.
@@ -113,20 +116,24 @@ bool Worker::pass()
 {
     ++m_engine.passes;
     {
-        const MdpFairLock engineLock(m_engine.mutex);
+        MdpFairLock engineLock(m_engine.mutex);
         if (m_engine.shutdown) {
             return false;
         }
+        m_news.begin();
         provideMulti();
         actOnStates();
         drive();
+        Completion completion;
+        while (nextCompletion(completion)) {
+            engineLock.unlock();
+            report(completion);
+            completion = {};
+            engineLock.lock();
+        }
+        prepareWait();
     }
-    Completion completion;
-    while (nextCompletion(completion)) {
-        report(completion);
-        completion = {};
-    }
-    prepareWait();
+    m_news.tell(); // unlocked: a reader may want the engine next
     wait();
     return true;
 }
@@ -135,26 +142,37 @@ bool Worker::pass()
 void Worker::actOnStates()
 {
     const auto now = Clock::now();
-    if (!m_lookAtAll && m_hasPipe && now - m_lastLook < std::chrono::milliseconds(kLongestWaitMs)) {
-        return;
-    }
-    m_lookAtAll = false;
-    m_lastLook = now;
-    md::MdchDescriptorPtr desc = md::nextDescriptor(md::kBeforeAll);
-    for (; desc != nullptr; desc = md::nextDescriptor(desc->fd)) {
-        MdpLock lock = md::lockDescriptor(*desc);
-        const Rest rest = actOnState(*desc);
-        CURL* easy = desc->easy; // the engine's lock keeps it alive
-        lock.unlock();
-        if (rest == Rest::kLetFlow) {
-            if (curl_easy_pause(easy, CURLPAUSE_CONT) == CURLE_OUT_OF_MEMORY) {
-                endStuck(*desc);
-            }
-        } else if (rest == Rest::kUnregister) {
-            md::unregisterDescriptor(*desc);
-            MDCH_TRACE(md::kTraceCall, "%s:%d:%s(): connection is finalized on fd %i.\n", MDCH_WORKER_HERE,
-                       desc->fd);
+    const bool isBeat = now - m_lastLook >= std::chrono::milliseconds(kLongestWaitMs);
+    if (m_changed.isAll() || isBeat || !m_hasPipe) {
+        m_lastLook = now;
+        md::MdchDescriptorPtr desc = md::nextDescriptor(md::kBeforeAll);
+        for (; desc != nullptr; desc = md::nextDescriptor(desc->fd)) {
+            actOn(*desc);
         }
+    } else {
+        for (const std::int32_t number : m_changed) {
+            if (const md::MdchDescriptorPtr desc = md::findDescriptor(number)) {
+                actOn(*desc);
+            }
+        }
+    }
+    m_changed.clear();
+}
+
+void Worker::actOn(MdchCurlDescriptor_struct& desc)
+{
+    MdpLock lock = md::lockDescriptor(desc);
+    const Rest rest = actOnState(desc);
+    CURL* easy = desc.easy; // the engine's lock keeps it alive
+    lock.unlock();
+    if (rest == Rest::kLetFlow) {
+        if (curl_easy_pause(easy, CURLPAUSE_CONT) == CURLE_OUT_OF_MEMORY) {
+            endStuck(desc);
+        }
+    } else if (rest == Rest::kUnregister) {
+        md::unregisterDescriptor(desc);
+        MDCH_TRACE(md::kTraceCall, "%s:%d:%s(): connection is finalized on fd %i.\n", MDCH_WORKER_HERE,
+                   desc.fd);
     }
 }
 
@@ -245,9 +263,9 @@ void Worker::drive()
     curl_multi_socket_action(m_multi, CURL_SOCKET_TIMEOUT, 0, &running);
 }
 
+// Caller holds the engine's lock.
 bool Worker::nextCompletion(Completion& completion)
 {
-    const MdpFairLock engineLock(m_engine.mutex);
     int left = 0;
     while (const CURLMsg* message = curl_multi_info_read(m_multi, &left)) {
         char* number = nullptr;
@@ -274,7 +292,7 @@ void Worker::report(const Completion& completion)
     if (completion.serial != desc.requestSerial) {
         return; // a seek came between: this was the end of the request before
     }
-    pthread_cond_broadcast(&desc.cond);
+    md::tellAll(completion.desc);
     if (desc.done != 0) {
         if (desc.error != 0) {
             MDCH_TRACE(md::kTraceError, "%s(): already done with error on fd %i: %i\n", kThreadFunction,
@@ -311,6 +329,7 @@ bool Worker::provideRoom(std::size_t count)
     }
 }
 
+// Caller holds the engine's lock.
 void Worker::prepareWait()
 {
     int readEnd = -1;
@@ -321,7 +340,6 @@ void Worker::prepareWait()
     m_hasPipe = readEnd > 0;
     m_watched.clear();
     m_serials.clear();
-    const MdpFairLock engineLock(m_engine.mutex);
     const auto& sockets = m_engine.sockets.sockets();
     const bool isComplete = provideRoom(sockets.size() + 1);
     const std::size_t room = std::min(m_watched.capacity(), m_serials.capacity());
@@ -370,38 +388,13 @@ void Worker::wait()
     m_ready = true;
     if (m_hasPipe && m_watched.front().revents != 0) {
         MDCH_TRACE(md::kTraceCall, "%s(): returned from wakeup select\n", kThreadFunction);
-        drainWakeups(m_watched.front().fd);
-        m_lookAtAll = true;
-    }
-}
-
-void Worker::drainWakeups(int readEnd)
-{
-    std::array<char, 10> wakes{};
-    while (::read(readEnd, wakes.data(), wakes.size()) == static_cast<ssize_t>(wakes.size())) {
-    }
-}
-
-void Worker::closePipe()
-{
-    HttpEngine& engine = md::httpEngine();
-    std::array<int, 2> ends{-1, -1};
-    {
-        // Forgotten first: a late wake-up must not write into whoever gets the numbers next.
-        const MdpLock lock(engine.wakeupMutex);
-        std::swap(ends[0], engine.wakeupReadEnd);
-        std::swap(ends[1], engine.wakeupWriteEnd);
-    }
-    for (const int end : ends) {
-        if (end >= 0) {
-            ::close(end);
-        }
+        m_changed = md::takeWakeups(m_watched.front().fd);
     }
 }
 
 void Worker::finish()
 {
-    closePipe();
+    md::closeWakeup();
     {
         const MdpFairLock engineLock(m_engine.mutex);
         md::MdchDescriptorPtr desc = md::nextDescriptor(md::kBeforeAll);

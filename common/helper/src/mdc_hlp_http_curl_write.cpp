@@ -1,4 +1,5 @@
 #include "mdc_hlp_http_curl_engine.h"
+#include "mdc_hlp_http_curl_news.h"
 #include "mdc_hlp_trace.h"
 
 #include <algorithm>
@@ -71,19 +72,21 @@ std::size_t store(MdchCurlDescriptor_struct& desc, MdpRingBuffer& target, const 
     return static_cast<std::size_t>(stored) + skipped;
 }
 
-std::size_t pauseOnFullBuffer(MdchCurlDescriptor_struct& desc, const char* function)
+std::size_t pauseOnFullBuffer(const md::MdchDescriptorPtr& descriptor, const char* function)
 {
+    MdchCurlDescriptor_struct& desc = *descriptor;
     desc.pausePending = false;
     desc.paused = 1;
     desc.state = md::kStatePaused;
     MDCH_TRACE(md::kTraceCall, "%s(): pause connection on fd %i\n", function, desc.fd);
-    pthread_cond_broadcast(&desc.cond); // a reader that misses bytes resumes it
+    md::tellAll(descriptor); // a reader that misses bytes resumes it
     return CURL_WRITEFUNC_PAUSE;
 }
 
-std::size_t writeBlock(MdchCurlDescriptor_struct& desc, const char* data, std::size_t size,
+std::size_t writeBlock(const md::MdchDescriptorPtr& descriptor, const char* data, std::size_t size,
                        const char* function)
 {
+    MdchCurlDescriptor_struct& desc = *descriptor;
     const auto ignore = [&desc, size, function] {
         MDCH_TRACE(md::kTraceCall, "%s(): connection already done on fd %i. ignore %u bytes.\n", function,
                    desc.fd, static_cast<unsigned int>(size));
@@ -114,7 +117,7 @@ std::size_t writeBlock(MdchCurlDescriptor_struct& desc, const char* data, std::s
     }
     const bool hasRoomAtAll = target->usedBytes() + target->availableBytes() > 0;
     if ((pausedAtEntry && desc.pausePending) || (hasRoomAtAll && size > target->availableBytes())) {
-        return pauseOnFullBuffer(desc, function);
+        return pauseOnFullBuffer(descriptor, function);
     }
     if (size == 0) {
         return 0;
@@ -125,10 +128,10 @@ std::size_t writeBlock(MdchCurlDescriptor_struct& desc, const char* data, std::s
     if (desc.connected == 0 && desc.done == 0) {
         desc.connected = 1;
         desc.headerComplete = 1;
-        pthread_cond_broadcast(&desc.cond);
+        md::tellAll(descriptor);
     }
     const std::size_t taken = store(desc, *target, data, size, function);
-    pthread_cond_broadcast(&desc.cond);
+    md::tellOfData(descriptor);
     mdchHttpCurl_wakeSelectWaiters(desc, function);
     if (pausedAtEntry) {
         desc.pausePending = true;
@@ -165,7 +168,7 @@ size_t mdchHttpCurl_writeCallback(char* data, size_t size, size_t nmemb, void* u
     std::size_t taken = 0;
     {
         const MdpLock lock = md::lockDescriptor(*desc);
-        taken = writeBlock(*desc, data, count, __func__);
+        taken = writeBlock(desc, data, count, __func__);
     }
     if (taken < count) {
         MDCH_TRACE(md::kTraceNotice, "%s(): receive buffer is filled up for fd %i. toCopy=%u copied=%u\n",

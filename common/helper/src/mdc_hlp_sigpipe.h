@@ -17,19 +17,17 @@ class SigpipeBlocked
 public:
     SigpipeBlocked()
     {
-        sigset_t pending;
-        sigpending(&pending);
-        m_wasPending = sigismember(&pending, SIGPIPE) == 1;
         sigemptyset(&m_sigpipe);
         sigaddset(&m_sigpipe, SIGPIPE);
         pthread_sigmask(SIG_BLOCK, &m_sigpipe, &m_former);
     }
     ~SigpipeBlocked()
     {
-        if (!m_wasPending && sigismember(&m_former, SIGPIPE) == 0) {
-            const timespec now{};
-            sigtimedwait(&m_sigpipe, nullptr, &now);
+        if (sigismember(&m_former, SIGPIPE) == 1) {
+            return; // blocked before, so one that waits may be another's
         }
+        const timespec now{};
+        sigtimedwait(&m_sigpipe, nullptr, &now);
         pthread_sigmask(SIG_SETMASK, &m_former, nullptr);
     }
     SigpipeBlocked(const SigpipeBlocked&) = delete;
@@ -38,7 +36,6 @@ public:
 private:
     sigset_t m_sigpipe{};
     sigset_t m_former{};
-    bool m_wasPending = false;
 };
 
 } // namespace md
