@@ -159,6 +159,13 @@ TEST_F(HttpHeaderLine, GluedLinesCountOnce)
     EXPECT_EQ(capabilitiesAfter(0, {"Accept-Ranges: bytesCONNECTION: close"}), 1U);
 }
 
+TEST_F(HttpHeaderLine, NameMayBeginInsideOfWhatLooksLikeIt)
+{
+    EXPECT_EQ(capabilitiesAfter(0, {"X-Accept-RAccept-Ranges: bytes"}), 1U);
+    EXPECT_EQ(capabilitiesAfter(0, {"AAaccept-rangeS: bytes"}), 1U);
+    EXPECT_EQ(capabilitiesAfter(0, {"Accept-Range"}), 0U);
+}
+
 TEST_F(HttpHeaderLine, OtherLinesChangeNothing)
 {
     for (const char* line :

@@ -1,4 +1,5 @@
 #include "mdc_hlp_http_curl.h"
+#include "mdc_hlp_text_find.h"
 #include "mdc_hlp_trace.h"
 
 #include <cerrno>
@@ -14,7 +15,7 @@ constexpr unsigned long kDlnaStallingFlag = 0x00200000; // primary flags word, b
 const char* findIgnoringCase(const std::string& line, const char* name)
 {
     // A NUL in a line ends what is searched, so no name is found in what a server hid behind it.
-    return strcasestr(line.c_str(), name);
+    return md::findIgnoringCase(line.c_str(), name);
 }
 
 void setCapability(MdchCurlDescriptor_struct& desc, std::uint32_t bit, bool on)
@@ -38,7 +39,7 @@ bool parseNumber(const char* text, std::int64_t& number)
 // The first byte of "bytes FIRST-LAST/TOTAL" (RFC 9110, 14.4); -1 for "bytes */TOTAL" and anything else.
 std::int64_t firstByteOf(const char* contentRange)
 {
-    const char* unit = strcasestr(contentRange, "bytes");
+    const char* unit = md::findIgnoringCase(contentRange, "bytes");
     if (unit == nullptr) {
         return -1;
     }

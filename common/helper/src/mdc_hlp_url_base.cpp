@@ -1,6 +1,7 @@
 #include "mdc_hlp_url_base.h"
 
 #include "mdc_hlp_http_access.h"
+#include "mdc_hlp_text_find.h"
 #include "mdc_hlp_trace.h"
 #include "mdc_hlp_url_file.h"
 #include "mdc_hlp_url_nvol2.h"
@@ -96,7 +97,7 @@ int scanHeaderLines(md::HttpAccess& http, mdch_UrlExtended_struct& ext, const ch
     for (const std::string& line : lines) {
         MDCH_TRACE(md::kTraceCall, "%s:%d:%s(): header line = %s.\n", file, __LINE__, function, line.c_str());
         const char* colon = std::strchr(line.c_str(), ':');
-        if (colon != nullptr && strcasestr(line.c_str(), "icy-metaint") != nullptr) {
+        if (colon != nullptr && md::findIgnoringCase(line.c_str(), "icy-metaint") != nullptr) {
             ext.icyMetaInt = intervalFrom(colon + 1);
             MDCH_TRACE(md::kTraceNotice, "%s:%d:%s(): found icy-metaint = %i.\n", file, __LINE__, function,
                        ext.icyMetaInt);
