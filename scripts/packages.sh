@@ -16,7 +16,8 @@
     packages_deb="dpkg-dev debhelper fakeroot"
     packages_bench="$packages_build python3 nginx-light openssl libavformat-dev libgstreamer1.0-dev
         gstreamer1.0-plugins-base gstreamer1.0-plugins-good glib-networking libbenchmark-dev valgrind gnuplot-nox"
-    packages_test="$packages_test abigail-tools $packages_deb"
+    packages_integrations="libavformat-dev libavcodec-dev libavutil-dev"
+    packages_test="$packages_test abigail-tools $packages_deb $packages_integrations"
     # The 32-bit ARM target: what runs here, and what is unpacked for the target (scripts/sysroot.sh).
     packages_target="cmake ninja-build pkg-config g++-arm-linux-gnueabihf qemu-user abigail-tools nginx-light icecast2
         ffmpeg openssl iproute2 locales"

@@ -1,4 +1,19 @@
-# FFmpeg over the library. The decoders are the judges' and no part of the integration.
+# FFmpeg over the library. Demuxers and decoders are the tests'; the integration needs neither.
 pkg_check_modules(mdc_avcodec REQUIRED IMPORTED_TARGET libavcodec libavformat libavutil)
-mdc_add_integration_test(ffmpeg_decode_test.cpp mdc::avio PkgConfig::mdc_avcodec)
-target_sources(integration_ffmpeg_decode_test PRIVATE ffmpeg_player.cpp)
+foreach(source ffmpeg_decode_test ffmpeg_avio_test ffmpeg_example_test)
+    mdc_add_integration_test(${source}.cpp mdc::avio PkgConfig::mdc_avcodec)
+    target_sources(integration_${source} PRIVATE ffmpeg_player.cpp)
+endforeach()
+
+add_executable(probe_decode ${PROJECT_SOURCE_DIR}/examples/ffmpeg/probe_decode.c)
+set_target_properties(probe_decode PROPERTIES C_STANDARD 11 C_STANDARD_REQUIRED ON LINKER_LANGUAGE C)
+target_compile_options(probe_decode PRIVATE -Wall -Wextra -pedantic -Werror)
+target_link_libraries(probe_decode PRIVATE mdc::avio PkgConfig::mdc_avcodec mdc_instrumentation)
+target_compile_definitions(integration_ffmpeg_example_test PRIVATE
+    EXAMPLE_PROGRAM="$<TARGET_FILE:probe_decode>" SOURCE_FOLDER="${PROJECT_SOURCE_DIR}")
+add_dependencies(integration_ffmpeg_example_test probe_decode)
+
+# The table of docs/players.md.
+add_custom_target(ffmpeg_traffic
+    COMMAND integration_ffmpeg_decode_test --gtest_filter=*connections*
+    USES_TERMINAL VERBATIM)

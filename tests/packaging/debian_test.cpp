@@ -90,6 +90,12 @@ protected:
         EXPECT_THAT(field("libmdchelper-dev", "Depends"), HasSubstr("libboost-dev"));
         EXPECT_THAT(field("libmdchelper-dev", "Depends"), Not(HasSubstr("libcurl")));
         EXPECT_THAT(field("mdch", "Depends"), HasSubstr("libmdchelper1 (>= "));
+        EXPECT_THAT(field("libmdchavio1", "Depends"), HasSubstr("libmdchelper1 (>= "));
+        EXPECT_THAT(field("libmdchavio1", "Depends"), HasSubstr("libavformat"));
+        EXPECT_THAT(field("libmdchavio1", "Depends"), Not(HasSubstr("-dev")));
+        EXPECT_THAT(field("libmdchavio-dev", "Depends"), HasSubstr("libmdchavio1 (= " MDCH_VERSION ")"));
+        EXPECT_THAT(field("libmdchavio-dev", "Depends"), HasSubstr("libmdchelper-dev (= " MDCH_VERSION ")"));
+        EXPECT_THAT(field("libmdchavio-dev", "Depends"), HasSubstr("libavformat-dev"));
     }
 
     void expectCommandLineWorks() const
@@ -118,6 +124,28 @@ protected:
                   "consumer/1.0: 10 bytes, ending with 6789\n");
     }
 
+    // The example of docs/players.md, as its first lines say it is built.
+    void expectFfmpegPlaysThroughIt() const
+    {
+        const std::string program = m_root.file("probe_decode");
+        const Result built = runToEnd({"bash", "-ec",
+                                       "export PKG_CONFIG_PATH=" + m_libraries +
+                                           "/pkgconfig\n" C_COMPILER " -std=c11 " + kSource +
+                                           "/examples/ffmpeg/probe_decode.c $(pkg-config --cflags --libs "
+                                           "mdchavio libavcodec libavutil) -o " +
+                                           program});
+        ASSERT_EQ(built.status, 0) << built.err;
+        support::ProcessOptions options;
+        options.setting = {"LD_LIBRARY_PATH=" + m_libraries};
+        const std::string sound =
+            "RIFF" + std::string("\x34\0\0\0", 4) + "WAVEfmt " +
+            std::string("\x10\0\0\0\x01\0\x01\0\x40\x1f\0\0\x40\x1f\0\0\x01\0\x08\0", 20) + "data" +
+            std::string("\x10\0\0\0", 4) + std::string(16, 'a');
+        const Result played = runToEnd({program, m_root.write("sound.wav", sound)}, options);
+        EXPECT_EQ(played.status, 0) << played.err;
+        EXPECT_THAT(played.out, HasSubstr("stream 0: pcm_u8\nstream 0: 1 frames, checksum "));
+    }
+
     const support::TempDir m_root{"debian"};
     std::string m_libraries;
 };
@@ -130,22 +158,25 @@ TEST_F(DebianTest, BuildInstallUseRemove)
 
     // The command line needs the library, and cannot be configured without it.
     EXPECT_NE(dpkg({"--install", package("mdch")}).status, 0);
-    const Result installed =
-        dpkg({"--install", package("libmdchelper1"), package("libmdchelper-dev"), package("mdch")});
+    const Result installed = dpkg({"--install", package("libmdchelper1"), package("libmdchelper-dev"),
+                                   package("mdch"), package("libmdchavio1"), package("libmdchavio-dev")});
     ASSERT_EQ(installed.status, 0) << installed.out << installed.err;
     EXPECT_TRUE(fs::is_symlink(m_libraries + "/libmdchelper.so.1"));
     EXPECT_TRUE(fs::exists(m_root.file("usr/share/man/man3/mdchelper.3.gz")));
     // The command line's, when the build makes them.
     EXPECT_EQ(fs::exists(m_root.file("usr/share/man/man1/mdch.1.gz")), MDCH_HAS_PAGES != 0);
     EXPECT_EQ(fs::exists(m_root.file("usr/share/bash-completion/completions/mdch")), MDCH_HAS_PAGES != 0);
-    for (const char* name : {"libmdchelper1", "libmdchelper-dev", "mdch"}) {
+    for (const char* name :
+         {"libmdchelper1", "libmdchelper-dev", "mdch", "libmdchavio1", "libmdchavio-dev"}) {
         const std::string folder = m_root.file(std::string("usr/share/doc/") + name);
         EXPECT_EQ(readFile(folder + "/copyright"), readFile(kSource + "/LICENSE.md")) << name;
     }
     expectCommandLineWorks();
     expectProgramsCanBeBuilt();
+    expectFfmpegPlaysThroughIt();
 
-    const Result removed = dpkg({"--purge", "mdch", "libmdchelper-dev", "libmdchelper1"});
+    const Result removed =
+        dpkg({"--purge", "libmdchavio-dev", "libmdchavio1", "mdch", "libmdchelper-dev", "libmdchelper1"});
     EXPECT_EQ(removed.status, 0) << removed.err;
     EXPECT_EQ(files(), std::set<std::string>{});
 }

@@ -24,7 +24,7 @@ protected:
     {
         namespace fs = std::filesystem;
         for (const char* name : {"CMakeLists.txt", "CMakePresets.json", "run", "test", "cmake", "common",
-                                 "packaging", "scripts", "tools"}) {
+                                 "integrations", "packaging", "scripts", "tools"}) {
             fs::copy(kSource + "/" + name, m_folder.makeDir("project") + "/" + name,
                      fs::copy_options::recursive);
         }

@@ -39,8 +39,8 @@ protected:
     PlatformTest()
     {
         namespace fs = std::filesystem;
-        for (const char* name :
-             {"CMakeLists.txt", "CMakePresets.json", "cmake", "common", "examples", "packaging"}) {
+        for (const char* name : {"CMakeLists.txt", "CMakePresets.json", "cmake", "common", "examples",
+                                 "integrations", "packaging"}) {
             if (fs::exists(kSource + "/" + name)) {
                 fs::copy(kSource + "/" + name, m_folder.makeDir("project") + "/" + name,
                          fs::copy_options::recursive);

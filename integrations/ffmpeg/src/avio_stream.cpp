@@ -22,7 +22,8 @@ namespace avio {
 
 namespace {
 
-constexpr int kNothingInTime = EAGAIN; // the stream's error when data are late
+constexpr int kNothingInTime = EAGAIN; // the stream's error when data are late,
+constexpr int kNoHeader = EFAULT;      // and when the response header is
 
 // The value of a header line with that name (which ends with its colon); empty when there is none.
 std::string headerValue(md::HttpAccess& http, const std::string& name)
@@ -61,7 +62,9 @@ void Stream::abandon()
 
 int Stream::errorOf(int error) const
 {
-    return averrorOf(error, m_http != nullptr ? m_http->getResponseCode() : -1);
+    // The status is not asked for where it would be waited for, once more.
+    const bool hasStatus = m_http != nullptr && error != kNoHeader;
+    return averrorOf(error, hasStatus ? m_http->getResponseCode() : -1);
 }
 
 // Makes a stream and opens it, as far as that goes without waiting for a network.
@@ -85,6 +88,14 @@ int Stream::start()
     return opened < 0 ? averrorOf(opened, -1) : 0;
 }
 
+// A body that has broken off by now does not make the open fail: what came of it is there to be read.
+bool Stream::brokeOffBehindHeader(int error) const
+{
+    constexpr int kSuccess = 2; // 2xx
+    return (error == MDCH_HTTP_ENETWORK || error == MDCH_HTTP_ETRANSFER) && m_http != nullptr &&
+           m_http->getResponseCode() / 100 == kSuccess;
+}
+
 int Stream::openAnew()
 {
     const int started = start();
@@ -95,7 +106,7 @@ int Stream::openAnew()
     if (isAbandoned()) {
         return AVERROR_EXIT;
     }
-    if (error != 0) {
+    if (error != 0 && !brokeOffBehindHeader(error)) {
         return errorOf(error);
     }
     m_position = 0;
@@ -214,7 +225,7 @@ int Stream::read(unsigned char* buffer, std::size_t size)
 int Stream::shortReadReason()
 {
     const int error = m_stream->error();
-    const bool ended = m_stream->eof() > 0;
+    const bool ended = error != kNoHeader && m_stream->eof() > 0;
     if (isAbandoned()) {
         return AVERROR_EXIT;
     }

@@ -70,6 +70,7 @@ public:
 
 private:
     int start();
+    bool brokeOffBehindHeader(int error) const;
     int openAnew();
     int openAt(std::int64_t position);
     int takeUp(std::int64_t position, int reason);

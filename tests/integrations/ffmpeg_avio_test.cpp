@@ -1,0 +1,510 @@
+// FFmpeg's context over a stream, without a demuxer: errors and the end, interrupts, seeks by byte and by time, pauses.
+#include "ffmpeg_player.h"
+
+#include "mdc_hlp_url.h"
+
+#include "support/certificates.h"
+#include "support/descriptors.h"
+#include "support/http_server.h"
+#include "support/sockets.h"
+#include "support/volume.h"
+#include "support/wait.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <fcntl.h>
+#include <future>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+extern "C" {
+#include <libavformat/avformat.h>
+}
+
+namespace {
+
+using support::At;
+using support::Avio;
+using support::avioOptions;
+using support::avText;
+using support::Gate;
+using support::HttpServer;
+using support::Media;
+using support::openAvio;
+using support::openError;
+using support::Reply;
+using support::waitUntil;
+
+constexpr std::size_t kSize = 400000; // more than the receive buffer holds
+const Media kMedia(3);
+
+// Reads to the end, or so many bytes; result: of the last read, when it was none.
+std::string readBytes(AVIOContext& context, std::size_t wanted, int& result)
+{
+    std::string all;
+    std::vector<unsigned char> buffer(10000);
+    result = 0;
+    while (all.size() < wanted) {
+        const auto size = static_cast<int>(std::min(buffer.size(), wanted - all.size()));
+        result = avio_read_partial(&context, buffer.data(), size);
+        if (result <= 0) {
+            break;
+        }
+        all.append(buffer.begin(), buffer.begin() + result);
+    }
+    return all;
+}
+
+std::string readBytes(AVIOContext& context, std::size_t wanted = SIZE_MAX)
+{
+    int result = 0;
+    return readBytes(context, wanted, result);
+}
+
+void expectBytes(AVIOContext& context, std::uint64_t position, std::size_t count)
+{
+    EXPECT_EQ(avio_tell(&context), static_cast<std::int64_t>(position));
+    const std::string bytes = readBytes(context, count);
+    EXPECT_EQ(bytes.size(), count);
+    EXPECT_TRUE(kMedia.matches(position, bytes)) << "from " << position;
+}
+
+// Once: an error of the context stays until a seek.
+void goOnBehindAnError(AVIOContext& context)
+{
+    context.error = 0;
+    context.eof_reached = 0;
+}
+
+// An interrupt callback, its flag, and who asked.
+struct Interrupt
+{
+    std::atomic<bool> raised{false};
+    std::atomic<int> asked{0};
+    std::thread::id asker;
+
+    AVIOInterruptCB callback()
+    {
+        return {[](void* opaque) {
+                    auto& self = *static_cast<Interrupt*>(opaque);
+                    self.asker = std::this_thread::get_id();
+                    ++self.asked;
+                    return self.raised ? 1 : 0;
+                },
+                this};
+    }
+};
+
+Avio openWith(const std::string& url, Interrupt& interrupt, const mdchAvioOptions* options = nullptr)
+{
+    const AVIOInterruptCB callback = interrupt.callback();
+    AVIOContext* context = nullptr;
+    EXPECT_EQ(avText(mdchAvioOpen(&context, url.c_str(), options, &callback, 0)), avText(0));
+    return Avio(context);
+}
+
+// Streams that wait for long when nobody interrupts them: then the test is ended by its time limit.
+mdchAvioOptions patient()
+{
+    mdchAvioOptions options = avioOptions();
+    options.headerTimeout = 1000;
+    options.dataTimeout = 1000;
+    return options;
+}
+
+TEST(FfmpegAvio, eachFailureOfAnOpenHasItsNumber)
+{
+    HttpServer server;
+    for (const auto& [status, averror] : std::vector<std::pair<int, int>>{{400, AVERROR_HTTP_BAD_REQUEST},
+                                                                          {401, AVERROR_HTTP_UNAUTHORIZED},
+                                                                          {403, AVERROR_HTTP_FORBIDDEN},
+                                                                          {404, AVERROR_HTTP_NOT_FOUND},
+                                                                          {410, AVERROR_HTTP_OTHER_4XX},
+                                                                          {500, AVERROR_HTTP_SERVER_ERROR},
+                                                                          {503, AVERROR_HTTP_SERVER_ERROR}}) {
+        server.on("/a", Reply::error(status));
+        EXPECT_EQ(avText(openError(server.url("/a"))), avText(averror)) << status;
+    }
+    server.on("/a", Reply::redirect("ftp://127.0.0.1/a"));
+    EXPECT_EQ(avText(openError(server.url("/a"))), avText(AVERROR_PROTOCOL_NOT_FOUND));
+    EXPECT_EQ(avText(openError(support::closedPort().url("/"))), avText(AVERROR(EHOSTUNREACH)));
+    mdchAvioOptions options = avioOptions();
+    options.headerTimeout = 1;
+    EXPECT_EQ(avText(openError(support::silentPort().url("/"), &options)), avText(AVERROR(ETIMEDOUT)));
+
+    HttpServer secure{support::Tls()};
+    secure.on("/a", Reply().body("a"));
+    options.caCertPath = support::certificates().unrelatedDirectory.c_str();
+    EXPECT_EQ(avText(openError(secure.url("/a"), &options)), avText(AVERROR(EACCES)));
+    const HttpServer garbage{support::Tls().handshake(support::Tls::Handshake::Garbage)};
+    EXPECT_EQ(avText(openError(garbage.url("/a"))), avText(AVERROR(EPROTO)));
+
+    const support::Volume volume;
+    EXPECT_EQ(avText(openError(volume.dir().file("none"))), avText(AVERROR(ENOENT)));
+    EXPECT_EQ(avText(openError(volume.url("none"))), avText(AVERROR(ENOENT)));
+    EXPECT_EQ(avText(openError("nvl2://0000-0000/none")), avText(AVERROR(ENODEV)));
+    EXPECT_EQ(avText(openError("udp://nowhere")), avText(AVERROR(EINVAL)));
+    const Avio folder = openAvio(volume.dir().path());
+    EXPECT_EQ(avio_r8(folder.get()), 0);
+    EXPECT_EQ(avText(folder->error), avText(AVERROR(EIO)));
+}
+
+TEST(FfmpegAvio, whatCannotBeMeantIsRefused)
+{
+    struct Later
+    {
+        mdchAvioOptions options;
+        std::uint64_t more;
+    } later = {};
+    const support::TempDir folder;
+    const std::string file = folder.write("a", "a");
+    later.options.size = sizeof later;
+    EXPECT_EQ(openError(file, &later.options), 0) << "a later version's record, with nothing new in it";
+    later.more = 1;
+    EXPECT_EQ(openError(file, &later.options), AVERROR(EINVAL));
+    mdchAvioOptions options = {};
+    EXPECT_EQ(openError(file, &options), AVERROR(EINVAL)) << "no size";
+    options = avioOptions();
+    options.dataTimeout = -1;
+    EXPECT_EQ(openError(file, &options), AVERROR(EINVAL));
+    AVIOContext* context = openAvio(file).release();
+    mdchAvioClose(&context);
+    EXPECT_EQ(context, nullptr);
+    mdchAvioClose(&context);
+    mdchAvioClose(nullptr);
+    EXPECT_EQ(mdchAvioOpen(nullptr, file.c_str(), nullptr, nullptr, 0), AVERROR(EINVAL));
+    EXPECT_EQ(mdchAvioOpen(&context, nullptr, nullptr, nullptr, 0), AVERROR(EINVAL));
+}
+
+TEST(FfmpegAvio, theServerIsAskedAsTheOptionsSay)
+{
+    HttpServer server;
+    server.on("/a", Reply().body("a"));
+    mdchAvioOptions options = avioOptions();
+    options.userAgent = "player/2.0";
+    options.cookie = "login=abc";
+    options.headers = "X-One: 1\r\nX-Two: 2\r\n";
+    const Avio context = openAvio(server.url("/a"), &options);
+    const support::Request request = server.requests().at(0);
+    EXPECT_EQ(request.header("User-Agent"), "player/2.0");
+    EXPECT_EQ(request.header("Cookie"), "login=abc");
+    EXPECT_EQ(request.header("X-One") + request.header("X-Two"), "12");
+    EXPECT_FALSE(request.hasHeader("icy-metadata"));
+}
+
+// The end is told as the end, and nothing else is.
+TEST(FfmpegAvio, endAndErrorAreNeverMixedUp)
+{
+    HttpServer server;
+    const std::string body = kMedia.bytes(0, kSize);
+    server.on("/whole", Reply::resource(kMedia, kSize));
+    server.on("/chunked", Reply().body(kMedia, kSize).chunked());
+    server.on("/untilItCloses", Reply().body(kMedia, kSize).closeDelimited());
+    server.on("/empty", Reply().body(""));
+    server.on("/cut", Reply::resource(kMedia, kSize).close(At::body(300000)));
+    server.on("/cutInChunk", Reply().body(kMedia, kSize).chunked().close(At::body(300000)));
+    server.on("/reset", Reply().body(kMedia, kSize).reset(At::body(300000)));
+    mdchAvioOptions options = avioOptions();
+    options.reconnects = -1;
+    int result = 0;
+    for (const char* path : {"/whole", "/chunked", "/untilItCloses"}) {
+        const Avio context = openAvio(server.url(path), &options);
+        EXPECT_TRUE(readBytes(*context, SIZE_MAX, result) == body) << path;
+        EXPECT_EQ(avText(result), avText(AVERROR_EOF)) << path;
+        EXPECT_EQ(context->error, 0) << path;
+        EXPECT_NE(avio_feof(context.get()), 0) << path;
+    }
+    const Avio empty = openAvio(server.url("/empty"), &options);
+    EXPECT_EQ(readBytes(*empty, 1, result), "");
+    EXPECT_EQ(avText(result), avText(AVERROR_EOF));
+    EXPECT_EQ(avio_size(empty.get()), 0);
+    for (const char* path : {"/cut", "/cutInChunk", "/reset"}) {
+        const Avio context = openAvio(server.url(path), &options);
+        const std::string bytes = readBytes(*context, SIZE_MAX, result);
+        EXPECT_LE(bytes.size(), 300000U) << path;
+        EXPECT_TRUE(kMedia.matches(0, bytes)) << path;
+        const int wanted = std::string(path) == "/reset" ? AVERROR(ECONNRESET) : AVERROR(EIO);
+        EXPECT_EQ(avText(result), avText(wanted)) << path;
+        EXPECT_EQ(avText(context->error), avText(wanted)) << path;
+        goOnBehindAnError(*context);
+        readBytes(*context, 1, result);
+        EXPECT_EQ(avText(result), avText(wanted)) << path << ", and it stays so";
+    }
+}
+
+TEST(FfmpegAvio, lateDataAreATimeOutAndReadingGoesOnBehindIt)
+{
+    HttpServer server;
+    const Gate gate;
+    server.on("/a", Reply::resource(kMedia, kSize).wait(At::body(1000), gate));
+    mdchAvioOptions options = avioOptions();
+    options.dataTimeout = 1;
+    const Avio context = openAvio(server.url("/a"), &options);
+    expectBytes(*context, 0, 1000);
+    int result = 0;
+    EXPECT_EQ(readBytes(*context, 1, result), "");
+    EXPECT_EQ(avText(result), avText(AVERROR(ETIMEDOUT)));
+    Gate(gate).open();
+    goOnBehindAnError(*context);
+    expectBytes(*context, 1000, kSize - 1000);
+    readBytes(*context, 1, result);
+    EXPECT_EQ(avText(result), avText(AVERROR_EOF));
+}
+
+TEST(FfmpegAvio, aTransferThatBreaksOffIsTakenUpUnlessTheFileIsAnother)
+{
+    HttpServer server;
+    const Reply good = Reply::resource(kMedia, kSize).header("ETag: \"1\"");
+    server.onSequence("/same", {Reply(good).close(At::body(300000)), Reply::error(503), good});
+    server.onSequence("/other", {Reply(good).close(At::body(300000)),
+                                 Reply::resource(Media(4), kSize).header("ETag: \"2\"")});
+    const Avio same = openAvio(server.url("/same"));
+    expectBytes(*same, 0, kSize);
+    EXPECT_EQ(avio_r8(same.get()), 0);
+    EXPECT_EQ(same->error, 0);
+    const Avio other = openAvio(server.url("/other"));
+    int result = 0;
+    EXPECT_TRUE(readBytes(*other, SIZE_MAX, result) == kMedia.bytes(0, 300000));
+    EXPECT_EQ(avText(result), avText(AVERROR(EINVAL)));
+}
+
+TEST(FfmpegAvio, anOpenSucceedsWhoseBodyBreaksOffAtOnce)
+{
+    constexpr std::size_t kSmall = 1000;
+    HttpServer server;
+    const Reply good = Reply::resource(kMedia, kSmall);
+    server.onSequence("/once", {Reply(good).close(At::body(500)), good});
+    server.on("/always", Reply(good).close(At::body(500)));
+    server.on("/nothing", Reply(good).close(At::body()));
+    expectBytes(*openAvio(server.url("/once")), 0, kSmall);
+    mdchAvioOptions options = avioOptions();
+    options.reconnects = -1;
+    for (const auto& [path, count] :
+         std::vector<std::pair<std::string, std::size_t>>{{"/always", 500}, {"/nothing", 0}}) {
+        const Avio context = openAvio(server.url(path), &options);
+        int result = 0;
+        EXPECT_EQ(readBytes(*context, SIZE_MAX, result).size(), count) << path;
+        EXPECT_EQ(avText(result), avText(AVERROR(EIO))) << path;
+    }
+}
+
+TEST(FfmpegAvio, aSeekBringsAStreamBackWhoseServerHadGone)
+{
+    HttpServer server;
+    server.on("/a", Reply::resource(kMedia, kSize).close(At::body(300000)));
+    mdchAvioOptions options = avioOptions();
+    options.reconnects = 1;
+    const Avio context = openAvio(server.url("/a"), &options);
+    expectBytes(*context, 0, 1000);
+    server.stopListening();
+    int result = 0;
+    EXPECT_LT(readBytes(*context, SIZE_MAX, result).size(), 300000U);
+    EXPECT_EQ(avText(result), avText(AVERROR(EHOSTUNREACH)));
+    server.listenAgain();
+    server.on("/a", Reply::resource(kMedia, kSize));
+    ASSERT_EQ(avio_seek(context.get(), 50, SEEK_SET), 50);
+    expectBytes(*context, 50, kSize - 50);
+}
+
+TEST(FfmpegAvio, seeksGoWhereTheyShould)
+{
+    HttpServer server;
+    server.on("/a", Reply::resource(kMedia, kSize));
+    server.on("/none", Reply().body(kMedia, kSize).acceptRanges("none"));
+    const Avio context = openAvio(server.url("/a"));
+    const auto seek = [&context](std::int64_t offset, int whence) {
+        return context->seek(context->opaque, offset, whence);
+    };
+    EXPECT_EQ(context->seekable, AVIO_SEEKABLE_NORMAL);
+    EXPECT_EQ(seek(0, AVSEEK_SIZE), static_cast<std::int64_t>(kSize));
+    EXPECT_EQ(seek(-10, SEEK_END), static_cast<std::int64_t>(kSize - 10));
+    EXPECT_EQ(seek(-90, SEEK_CUR), static_cast<std::int64_t>(kSize - 100));
+    EXPECT_EQ(seek(0, SEEK_CUR), static_cast<std::int64_t>(kSize - 100));
+    EXPECT_EQ(seek(-1, SEEK_SET), AVERROR(EINVAL));
+    EXPECT_EQ(seek(0, 77), AVERROR(EINVAL));
+    for (const std::int64_t place : {390000, 5, 200000, 399990, 0, 100000}) {
+        ASSERT_EQ(avio_seek(context.get(), place, SEEK_SET), place);
+        expectBytes(*context, static_cast<std::uint64_t>(place),
+                    std::min<std::size_t>(50000, kSize - static_cast<std::size_t>(place)));
+    }
+    const std::size_t requests = server.requests().size();
+    EXPECT_EQ(avio_skip(context.get(), 100), 150100);
+    EXPECT_EQ(server.requests().size(), requests) << "a short way forward asks for nothing";
+
+    const Avio fixed = openAvio(server.url("/none"));
+    EXPECT_EQ(fixed->seekable, 0);
+    expectBytes(*fixed, 0, 1000);
+    EXPECT_EQ(fixed->seek(fixed->opaque, 5, SEEK_SET), AVERROR(ESPIPE));
+    expectBytes(*fixed, 1000, kSize - 1000);
+}
+
+TEST(FfmpegAvio, seeksByTimeWhereTheServerCan)
+{
+    HttpServer server;
+    const std::string both = "DLNA.ORG_OP=11;DLNA.ORG_CI=0;DLNA.ORG_FLAGS=01700000000000000000000000000000";
+    server.on("/film", Reply::timeSeekResource(kMedia, 120000, 2000).contentFeatures(both));
+    server.on("/song", Reply::resource(kMedia, kSize));
+    mdchAvioOptions options = avioOptions();
+    options.flags = MDCH_URL_DLNA_STREAMING;
+    const Avio context = openAvio(server.url("/film"), &options);
+    EXPECT_EQ(context->seekable, AVIO_SEEKABLE_NORMAL | AVIO_SEEKABLE_TIME);
+    const auto seekTime = [&context](int stream, std::int64_t microseconds, int flags = 0) {
+        return avio_seek_time(context.get(), stream, microseconds, flags);
+    };
+    expectBytes(*context, 0, 5000);
+    EXPECT_EQ(seekTime(-1, 5'500'000), 0);
+    expectBytes(*context, 11000, 5000);
+    EXPECT_EQ(seekTime(-1, 20'050'000), 0) << "to the tenth of a second that a server understands";
+    expectBytes(*context, 40000, 80000);
+    EXPECT_EQ(server.requests().back().header("TimeSeekRange.dlna.org"), "npt=20.0-");
+    EXPECT_EQ(avio_r8(context.get()), 0) << "the end";
+    EXPECT_EQ(seekTime(-1, 0), 0);
+    expectBytes(*context, 0, 120000);
+    EXPECT_EQ(avio_seek(context.get(), 7, SEEK_SET), 7);
+    expectBytes(*context, 7, 100);
+    EXPECT_EQ(seekTime(0, 1000), AVERROR(ENOTSUP));
+    EXPECT_EQ(seekTime(-1, 1000, AVSEEK_FLAG_BYTE), AVERROR(ENOTSUP));
+    EXPECT_EQ(seekTime(-1, -1000), AVERROR(EINVAL));
+    const Avio song = openAvio(server.url("/song"), &options);
+    EXPECT_EQ(avio_seek_time(song.get(), -1, 0, 0), AVERROR(ENOSYS));
+}
+
+TEST(FfmpegAvio, aPauseHoldsTheStream)
+{
+    HttpServer server;
+    server.on("/a", Reply::resource(kMedia, 4000000));
+    const Avio context = openAvio(server.url("/a"));
+    expectBytes(*context, 0, 1000);
+    EXPECT_EQ(avio_pause(context.get(), 1), 0);
+    EXPECT_TRUE(server.waitForOpenConnections(0)) << "it can be sought: no server is kept waiting";
+    EXPECT_EQ(avio_pause(context.get(), 0), 0);
+    expectBytes(*context, 1000, 3999000);
+}
+
+TEST(FfmpegAvioInterrupt, endsAnOpenThatWaits)
+{
+    HttpServer server;
+    server.on("/a", Reply::silence());
+    Interrupt interrupt;
+    const mdchAvioOptions options = patient();
+    const AVIOInterruptCB callback = interrupt.callback();
+    AVIOContext* context = nullptr;
+    auto opening = std::async(std::launch::async, [&] {
+        const int result = mdchAvioOpen(&context, server.url("/a").c_str(), &options, &callback, 0);
+        EXPECT_EQ(interrupt.asker, std::this_thread::get_id());
+        return result;
+    });
+    EXPECT_TRUE(server.waitForRequests(1));
+    interrupt.raised = true;
+    EXPECT_EQ(opening.get(), AVERROR_EXIT);
+    EXPECT_EQ(context, nullptr);
+    EXPECT_TRUE(server.waitForOpenConnections(0)) << "nothing stays behind";
+}
+
+TEST(FfmpegAvioInterrupt, endsAReadThatWaitsAndTheStreamGoesOn)
+{
+    HttpServer server;
+    Gate gate;
+    server.on("/a", Reply::resource(kMedia, kSize).wait(At::body(1000), gate));
+    Interrupt interrupt;
+    const mdchAvioOptions options = patient();
+    const Avio context = openWith(server.url("/a"), interrupt, &options);
+    expectBytes(*context, 0, 1000);
+    int result = 0;
+    auto reading = std::async(std::launch::async, [&] { readBytes(*context, 1, result); });
+    const int asked = interrupt.asked;
+    EXPECT_TRUE(waitUntil([&] { return interrupt.asked > asked + 2; })) << "it waits";
+    interrupt.raised = true;
+    reading.get();
+    EXPECT_EQ(avText(result), avText(AVERROR_EXIT));
+    EXPECT_EQ(context->seek(context->opaque, 5, SEEK_SET), AVERROR_EXIT) << "so is everything";
+    gate.open();
+    interrupt.raised = false;
+    goOnBehindAnError(*context);
+    expectBytes(*context, 1000, kSize - 1000);
+}
+
+TEST(FfmpegAvioInterrupt, endsASeekThatWaitsAndReadingGoesOnAtTheOldPlace)
+{
+    HttpServer server;
+    Gate gate;
+    server.on("/a", [gate](const support::Request& request) {
+        Reply reply = Reply::resource(kMedia, kSize);
+        return request.header("Range").rfind("bytes=300000", 0) == 0 ? reply.wait(At::start(), gate) : reply;
+    });
+    Interrupt interrupt;
+    const Avio context = openWith(server.url("/a"), interrupt);
+    expectBytes(*context, 0, 1000);
+    auto seeking = std::async(std::launch::async, [&] { return avio_seek(context.get(), 300000, SEEK_SET); });
+    EXPECT_TRUE(gate.waitForArrivals());
+    interrupt.raised = true;
+    EXPECT_EQ(seeking.get(), AVERROR_EXIT);
+    gate.open();
+    interrupt.raised = false;
+    expectBytes(*context, 1000, kSize - 1000);
+    ASSERT_EQ(avio_seek(context.get(), 300000, SEEK_SET), 300000);
+    expectBytes(*context, 300000, 100000);
+}
+
+TEST(FfmpegAvioInterrupt, aCloseBehindItWaitsForNothing)
+{
+    HttpServer server;
+    server.on("/stalls", Reply::resource(kMedia, kSize).stall(At::body(1000)));
+    server.on("/seekStalls", [](const support::Request& request) {
+        Reply reply = Reply::resource(kMedia, kSize);
+        return request.hasHeader("Range") ? reply.stall(At::start()) : reply;
+    });
+    const mdchAvioOptions options = patient();
+    Interrupt interrupt;
+    Avio stalled = openWith(server.url("/stalls"), interrupt, &options);
+    Avio seeking = openWith(server.url("/seekStalls"), interrupt, &options);
+    Avio datagrams = openWith("udp://127.0.0.1:0", interrupt, &options);
+    expectBytes(*stalled, 0, 1000);
+    std::vector<std::future<void>> waiting;
+    waiting.push_back(std::async(std::launch::async, [&] { EXPECT_EQ(avio_r8(stalled.get()), 0); }));
+    waiting.push_back(std::async(
+        std::launch::async, [&] { EXPECT_EQ(avio_seek(seeking.get(), 390000, SEEK_SET), AVERROR_EXIT); }));
+    EXPECT_TRUE(server.waitForRequests(3)) << "the seek is under way";
+    interrupt.raised = true;
+    for (std::future<void>& one : waiting) {
+        one.get();
+    }
+    EXPECT_EQ(avio_r8(datagrams.get()), 0);
+    EXPECT_EQ(avText(datagrams->error), avText(AVERROR_EXIT));
+    stalled.reset();
+    seeking.reset();
+    datagrams.reset();
+    EXPECT_TRUE(server.waitForOpenConnections(0));
+}
+
+// A named pipe whose other end nobody opens keeps fopen waiting: the nearest thing to a disc that does not answer.
+TEST(FfmpegAvioInterrupt, endsAnOpenThatAFileSystemKeepsWaiting)
+{
+    const support::TempDir folder;
+    const std::string pipe = folder.file("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), S_IRUSR | S_IWUSR), 0);
+    Interrupt interrupt;
+    const AVIOInterruptCB callback = interrupt.callback();
+    AVIOContext* context = nullptr;
+    auto opening = std::async(std::launch::async,
+                              [&] { return mdchAvioOpen(&context, pipe.c_str(), nullptr, &callback, 0); });
+    EXPECT_TRUE(waitUntil([&] { return interrupt.asked > 2; }));
+    interrupt.raised = true;
+    EXPECT_EQ(opening.get(), AVERROR_EXIT);
+    // The thread that was left behind ends as soon as it can.
+    int writer = -1;
+    EXPECT_TRUE(
+        waitUntil([&] { return (writer = open(pipe.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC)) >= 0; }));
+    pollfd reader{writer, 0, 0};
+    EXPECT_TRUE(waitUntil([&] { return poll(&reader, 1, 0) == 1 && (reader.revents & POLLERR) != 0; }))
+        << "nobody reads";
+    close(writer);
+}
+
+} // namespace
