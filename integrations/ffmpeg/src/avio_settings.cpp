@@ -118,7 +118,8 @@ void configure(md::HttpAccess& http, const Settings& settings)
         http.fcntl(MDCH_FCNTL_BUFFER_SIZE, settings.options.receiveBuffer);
     }
     http.fcntl(MDCH_FCNTL_HEADER_TIMEOUT, settings.options.headerTimeout);
-    http.fcntl(MDCH_FCNTL_DATA_TIMEOUT, settings.options.dataTimeout);
+    // The worker counts the seconds itself: a seek need not wait for a read that nobody waits for any more.
+    http.fcntl(MDCH_FCNTL_DATA_TIMEOUT, 1);
 }
 
 } // namespace avio

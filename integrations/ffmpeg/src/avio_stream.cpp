@@ -229,11 +229,11 @@ int Stream::shortReadReason()
     if (isAbandoned()) {
         return AVERROR_EXIT;
     }
-    if (error == 0) {
+    // Late data show as an error that goes away by itself; behind an end it is an old one.
+    if (error == 0 || error == kNothingInTime) {
         return ended ? AVERROR_EOF : 0;
     }
-    // Late data show as an error that goes away by itself; behind an end it is an old one.
-    return ended && error == kNothingInTime ? AVERROR_EOF : errorOf(error);
+    return errorOf(error);
 }
 
 int Stream::seek(std::int64_t position)
