@@ -215,7 +215,7 @@ struct EndOfSending
 
 TEST(FfmpegDecode, multicastPlays)
 {
-    constexpr std::size_t kDatagram = 7 * 188;
+    constexpr std::size_t kDatagram = std::size_t{7} * 188;
     constexpr std::uint32_t kRoom = 65536; // well below what the socket holds: nothing is lost
     const support::NetworkNamespace network;
     if (!network) {

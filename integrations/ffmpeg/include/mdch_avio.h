@@ -44,7 +44,7 @@ typedef struct mdchAvioOptions
     int32_t receiveBuffer;  /* receive buffer of an HTTP stream in bytes, 98304 to 3211264; 0: 196608 */
     int32_t headerTimeout;  /* seconds that a response header may take; 0: 40 */
     int32_t dataTimeout;    /* seconds without a byte before a read fails; 0: 30 */
-    int32_t reconnects; /* how often in a row a transfer that broke off is taken up; 0: 3, negative: never */
+    int32_t reconnects;     /* tries in a row to take up a transfer that broke off; 0: 3, negative: none */
 
     /*
      * Called within a read for each new title of a radio station, when its first byte has been read: UTF-8, the texts

@@ -1,7 +1,10 @@
 #include "avio_worker.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <new>
+#include <pthread.h>
+#include <utility>
 
 extern "C" {
 #include <libavutil/error.h>
@@ -11,7 +14,9 @@ namespace avio {
 
 namespace {
 
-constexpr std::size_t kDatagram = 65536;                     // holds any
+constexpr std::size_t kDatagram = 65536; // holds any
+// A socket that gives nothing answers after half a second; one that answers at once is not asked all the time.
+constexpr std::chrono::milliseconds kBetweenDatagrams{20};
 constexpr std::size_t kMostAhead = std::size_t{4096} * 1024; // of datagrams
 
 } // namespace
@@ -24,6 +29,7 @@ bool Worker::hasWork() const
 
 void Worker::run()
 {
+    pthread_setname_np(pthread_self(), "mdch_avio");
     Lock lock(m_mutex);
     while (!m_stopping) {
         m_work.wait(lock, [this] { return hasWork(); });
@@ -105,10 +111,9 @@ void Worker::fill(Lock& lock)
     const std::size_t size = m_stream.isDatagrams() ? kDatagram : m_wanted;
     lock.unlock();
     try {
-        std::vector<unsigned char> block(size);
-        const int count = m_stream.read(block.data(), block.size());
-        block.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
-        block.shrink_to_fit();
+        m_room.resize(size);
+        const int count = m_stream.read(m_room.data(), size);
+        std::vector<unsigned char> block(m_room.begin(), m_room.begin() + std::max(count, 0));
         const std::vector<md::IcyTitle> titles = m_stream.takeTitles();
         lock.lock();
         m_titles.insert(m_titles.end(), titles.begin(), titles.end());
@@ -121,6 +126,9 @@ void Worker::fill(Lock& lock)
         m_wanted = 0;
     }
     m_abilities.seekable = m_stream.isSeekable();
+    if (m_stream.isDatagrams() && m_fifo.bytes() == 0) {
+        m_work.wait_for(lock, kBetweenDatagrams, [this] { return m_stopping || m_task != nullptr; });
+    }
 }
 
 void Worker::store(std::vector<unsigned char> block, int count)

@@ -85,6 +85,7 @@ private:
 
     const std::chrono::seconds m_patience;
     Stream m_stream;
+    std::vector<unsigned char> m_room; // the thread's own
 
     std::mutex m_mutex; // guards what follows
     std::condition_variable m_work;
