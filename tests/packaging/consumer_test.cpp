@@ -127,6 +127,24 @@ TEST_F(ConsumerTest, FindPackageForTheSharedLibraryNeedsNothingOfWhatItLinks)
     expectWorksInCpp(m_folder.file("with/with_helper"));
 }
 
+#if MDC_HAS_AVIO
+TEST_F(ConsumerTest, FindPackageOfFfmpegsInput)
+{
+    m_folder.write("player/CMakeLists.txt",
+                   "cmake_minimum_required(VERSION 3.16)\nproject(player LANGUAGES C CXX)\n"
+                   "find_package(mdchavio 1.0 REQUIRED)\n"
+                   "pkg_check_modules(codec REQUIRED IMPORTED_TARGET libavcodec libavutil)\n"
+                   "add_executable(player " SOURCE_FOLDER "/examples/ffmpeg/probe_decode.c)\n"
+                   "target_link_libraries(player PRIVATE mdc::avio PkgConfig::codec)\n");
+    build(CMAKE_PROGRAM " -G Ninja -S player -B with -DCMAKE_C_COMPILER=" C_COMPILER
+                        " -DCMAKE_C_FLAGS='" INSTRUMENTATION_FLAGS "' -DCMAKE_PREFIX_PATH=" +
+          m_tree + "\n" CMAKE_PROGRAM " --build with");
+    const Result refused = runToEnd({m_folder.file("with/player"), m_server.url("/none")});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.err, "failed: Server returned 404 Not Found\n");
+}
+#endif
+
 TEST_F(ConsumerTest, FindPackageRefusesAnotherMajorVersion)
 {
     m_folder.write("user/CMakeLists.txt",
