@@ -1,6 +1,6 @@
 # FFmpeg over the library. Demuxers and decoders are the tests'; the integration needs neither.
 pkg_check_modules(mdc_avcodec REQUIRED IMPORTED_TARGET libavcodec libavformat libavutil)
-foreach(source ffmpeg_decode_test ffmpeg_avio_test ffmpeg_example_test)
+foreach(source ffmpeg_decode_test ffmpeg_avio_test ffmpeg_interrupt_test ffmpeg_example_test)
     mdc_add_integration_test(${source}.cpp mdc::avio PkgConfig::mdc_avcodec)
     target_sources(integration_${source} PRIVATE ffmpeg_player.cpp)
 endforeach()
