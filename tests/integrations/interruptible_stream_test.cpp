@@ -251,9 +251,10 @@ TEST_F(InterruptibleStreamTest, SeekThatWaitsForAHeaderIsInterruptedAndTheNextOn
 TEST_F(InterruptibleStreamTest, RandomInterruptsAndSeeksNeverMisplaceAByte)
 {
     support::Random random;
-    m_server.on("/a", [&, number = 0](const support::Request& /*request*/) mutable {
+    std::atomic<int> requests{0}; // handlers run side by side
+    m_server.on("/a", [&](const support::Request& /*request*/) {
         Reply reply = Reply::resource(m_media, kSize).pieces(777);
-        return ++number % 7 == 0 ? reply.close(At::body(20'000)) : reply;
+        return ++requests % 7 == 0 ? reply.close(At::body(20'000)) : reply;
     });
     InterruptibleStream stream(m_server.url("/a"), patient());
     const Interrupter other(stream);

@@ -1,0 +1,243 @@
+// Decoders as judges: what they make of a film that comes through mdchsrc is what they make of the local file, played
+// from start to end, and after twenty seeks.
+#include "gstreamer_player.h"
+#include "media_files.h"
+
+#include "mdc_hlp_http_access.h"
+#include "support/certificates.h"
+#include "support/http_server.h"
+#include "support/network_namespace.h"
+#include "support/udp_socket.h"
+#include "support/volume.h"
+#include "support/wait.h"
+#include "system/support_icecast.h"
+#include "system/support_nginx.h"
+#include "system/support_process.h"
+
+#include <algorithm>
+#include <atomic>
+#include <gtest/gtest.h>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+using support::At;
+using support::Checksums;
+using support::HttpServer;
+using support::MediaFile;
+using support::mediaFile;
+using support::Player;
+using support::readFile;
+using support::Reply;
+
+std::string viaMdch(const std::string& address, const std::string& properties = "")
+{
+    return "mdchsrc name=src location=\"" + address + "\" " + properties;
+}
+
+std::string viaFile(const MediaFile& file)
+{
+    return "filesrc name=src location=\"" + file.path + "\"";
+}
+
+// Pushed, as a network source pushes: a demuxer that may pull seeks in another way.
+constexpr const char* kPushed = " ! queue";
+// What players put behind a network source that can seek, so that demuxers may pull.
+constexpr const char* kBuffered = " ! queue2 ring-buffer-max-size=4000000";
+
+Checksums playThrough(const std::string& source)
+{
+    Player player(source);
+    EXPECT_TRUE(player.playToEnd()) << source << ": " << player.error().text << " " << player.error().debug;
+    return player.checksums();
+}
+
+// What came first behind each of twenty seeks, and all that came behind the last.
+std::vector<Checksums> playWithSeeks(const std::string& source)
+{
+    std::vector<Checksums> all;
+    Player player(source);
+    EXPECT_TRUE(player.pause()) << player.error().debug;
+    // All over the film, forwards and backwards, near and far.
+    for (const int tenths : {50, 12, 88, 3, 95, 47, 49, 51, 20, 70, 71, 40, 0, 66, 33, 99, 1, 58, 90, 25}) {
+        EXPECT_TRUE(
+            player.seek(static_cast<GstClockTime>(tenths) * 100 * GST_MSECOND, GST_SEEK_FLAG_ACCURATE))
+            << source << " at " << tenths << ": " << player.error().debug;
+        all.push_back(player.first());
+    }
+    player.forget();
+    EXPECT_TRUE(player.playToEnd()) << player.error().debug;
+    all.push_back(player.checksums());
+    return all;
+}
+
+class GstreamerMediaTest : public testing::TestWithParam<const char*>
+{
+protected:
+    ~GstreamerMediaTest() override { md::HttpAccess::shutdown(); }
+
+    const MediaFile& file() const { return mediaFile(GetParam()); }
+};
+
+std::string nameOf(const testing::TestParamInfo<const char*>& info)
+{
+    std::string name = info.param;
+    return name.replace(name.find('.'), 1, "_");
+}
+
+INSTANTIATE_TEST_SUITE_P(All, GstreamerMediaTest,
+                         testing::Values("song.mp3", "song.ogg", "song.flac", "film.mp4", "film.mkv",
+                                         "film.ts"),
+                         nameOf);
+
+TEST_P(GstreamerMediaTest, PlaysFromAWebServerAsFromAFile)
+{
+    const support::Nginx nginx;
+    nginx.addFile(file().name, readFile(file().path));
+    const Checksums local = playThrough(viaFile(file()));
+    EXPECT_EQ(local.size(), file().hasPicture ? 2U : 1U);
+    EXPECT_EQ(playThrough(viaMdch(nginx.plain("/" + file().name))), local);
+}
+
+TEST_P(GstreamerMediaTest, SeeksOnAWebServerAsInAFile)
+{
+    const support::Nginx nginx;
+    nginx.addFile(file().name, readFile(file().path));
+    const std::string remote = viaMdch(nginx.plain("/" + file().name));
+    EXPECT_EQ(playWithSeeks(remote + kBuffered), playWithSeeks(viaFile(file())));
+    // The demuxers of the other two lose their place in what is pushed, from local files, too.
+    if (file().name != "song.ogg" && file().name != "film.ts") {
+        EXPECT_EQ(playWithSeeks(remote), playWithSeeks(viaFile(file()) + kPushed));
+    }
+}
+
+// Slow, in small pieces, and every connection breaks off before the file ends.
+TEST_P(GstreamerMediaTest, PlaysFromAServerThatBreaksOff)
+{
+    HttpServer server;
+    server.on("/film", [content = readFile(file().path)](const support::Request& /*request*/) {
+        return Reply::resource(content).pieces(1400).close(At::body(150'000));
+    });
+    EXPECT_EQ(playThrough(viaMdch(server.url("/film"))), playThrough(viaFile(file())));
+    EXPECT_GT(server.requests().size(), 2U);
+}
+
+TEST_P(GstreamerMediaTest, PlaysFromAMediaVolume)
+{
+    const support::Volume volume("BEEF-CAFE");
+    volume.dir().write("films of 2026/" + file().name, readFile(file().path));
+    EXPECT_EQ(playThrough(viaMdch(volume.url("films of 2026/" + file().name))), playThrough(viaFile(file())));
+}
+
+class GstreamerServersTest : public testing::Test
+{
+protected:
+    ~GstreamerServersTest() override { md::HttpAccess::shutdown(); }
+};
+
+TEST_F(GstreamerServersTest, PlaysOverHttpsWithADirectoryOfCertificates)
+{
+    const MediaFile& film = mediaFile("film.mp4");
+    const support::Nginx nginx;
+    nginx.addFile(film.name, readFile(film.path));
+    const std::string trusting = "ssl-ca-dir=\"" + support::certificates().caDirectory + "\"";
+    EXPECT_EQ(playThrough(viaMdch(nginx.secure("/film.mp4"), trusting)), playThrough(viaFile(film)));
+    EXPECT_EQ(playWithSeeks(viaMdch(nginx.secure("/film.mp4"), trusting) + kBuffered),
+              playWithSeeks(viaFile(film)));
+}
+
+TEST_F(GstreamerServersTest, PlaysAFileOfARadioServer)
+{
+    const MediaFile& song = mediaFile("song.ogg");
+    const support::Icecast icecast(support::Icecast::Program::kNone);
+    icecast.addFile(song.name, readFile(song.path));
+    EXPECT_EQ(playThrough(viaMdch(icecast.url("/" + song.name))), playThrough(viaFile(song)));
+}
+
+TEST_F(GstreamerServersTest, TitlesOfARadioStreamArriveAsTags)
+{
+    const support::Icecast icecast;
+    Player player(viaMdch(icecast.station()));
+    ASSERT_TRUE(icecast.announce("/live.mp3", "song=Sine%20-%20Rising%20Tone"));
+    player.set(GST_STATE_PLAYING);
+    const auto isThere = [&player](const std::string& name, const std::string& text) {
+        const auto& all = player.tags(name);
+        return std::find(all.begin(), all.end(), text) != all.end();
+    };
+    while (!isThere("title", "Sine - Rising Tone")) {
+        ASSERT_NE(player.wait(GST_MESSAGE_TAG), nullptr);
+        ASSERT_EQ(player.error().code, -1) << player.error().debug;
+    }
+    ASSERT_TRUE(icecast.announce("/live.mp3", "song=Sine%20-%20Falling%20Tone"));
+    while (!isThere("title", "Sine - Falling Tone")) {
+        ASSERT_NE(player.wait(GST_MESSAGE_TAG), nullptr);
+        ASSERT_EQ(player.error().code, -1) << player.error().debug;
+    }
+    EXPECT_EQ(player.checksums().count("audio/x-raw"), 1U);
+}
+
+// As many datagrams as the film has, so that it has an end.
+TEST_F(GstreamerServersTest, PlaysMulticastAsAFile)
+{
+    const support::NetworkNamespace network;
+    if (!network) {
+        GTEST_SKIP() << network.problem();
+    }
+    const MediaFile& film = mediaFile("film.ts");
+    const std::string content = readFile(film.path);
+    constexpr std::size_t kDatagram = std::size_t{7} * 188;
+    const std::size_t count = (content.size() + kDatagram - 1) / kDatagram;
+    Player player(viaMdch("udp://239.1.2.3:5000", "num-buffers=" + std::to_string(count)));
+    std::atomic<std::size_t> arrived{0};
+    GstPad* pad = gst_element_get_static_pad(player.source(), "src");
+    const auto onBuffer = +[](GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer counter) {
+        ++*static_cast<std::atomic<std::size_t>*>(counter);
+        return GST_PAD_PROBE_OK;
+    };
+    gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, onBuffer, &arrived, nullptr);
+    gst_object_unref(pad);
+    EXPECT_EQ(player.pause(), false); // live: nothing comes while paused
+    player.set(GST_STATE_PLAYING);
+    ASSERT_TRUE(support::waitUntil(
+        [] { return readFile("/proc/thread-self/net/igmp").find("030201EF") != std::string::npos; }));
+    const support::UdpSender sender("239.1.2.3", 5000);
+    constexpr std::size_t kAhead = 50; // of what the receive buffer holds
+    for (std::size_t i = 0; i < count; ++i) {
+        ASSERT_TRUE(support::waitUntil([&] { return arrived + kAhead > i; }));
+        sender.send(std::string_view(content).substr(i * kDatagram, kDatagram));
+    }
+    EXPECT_TRUE(player.playToEnd()) << player.error().debug;
+    EXPECT_EQ(player.checksums(), playThrough(viaFile(film) + kPushed));
+}
+
+// Chosen by its rank, as an integrator does it.
+TEST_F(GstreamerServersTest, PlaybinPlaysThroughTheElement)
+{
+    const MediaFile& film = mediaFile("film.mkv");
+    const support::Nginx nginx;
+    nginx.addFile(film.name, readFile(film.path));
+    support::startGstreamer();
+    GstPluginFeature* feature = gst_registry_lookup_feature(gst_registry_get(), "mdchsrc");
+    ASSERT_NE(feature, nullptr);
+    EXPECT_EQ(gst_plugin_feature_get_rank(feature), GST_RANK_NONE);
+    gst_plugin_feature_set_rank(feature, G_MAXINT); // what GST_PLUGIN_FEATURE_RANK=mdchsrc:MAX does
+    gst_object_unref(feature);
+    Player player("playbin name=player uri=" + nginx.plain("/film.mkv") +
+                      " audio-sink=\"fakesink sync=false\" video-sink=\"fakesink sync=false\"",
+                  false);
+    EXPECT_TRUE(player.playToEnd()) << player.error().debug;
+    const GstStructure* headers = player.message("http-headers");
+    ASSERT_NE(headers, nullptr);
+    GstElement* source = nullptr;
+    g_object_get(player.pipeline(), "source", &source, nullptr);
+    ASSERT_NE(source, nullptr);
+    EXPECT_STREQ(G_OBJECT_TYPE_NAME(source), "MdchSrc");
+    gst_object_unref(source);
+    gint64 duration = 0;
+    EXPECT_TRUE(gst_element_query_duration(player.pipeline(), GST_FORMAT_TIME, &duration));
+    EXPECT_GE(duration, static_cast<gint64>(9 * GST_SECOND));
+}
+
+} // namespace
