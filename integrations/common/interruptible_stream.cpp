@@ -50,8 +50,13 @@ Outcome InterruptibleStream::openAt(long long position)
         m_error = EINVAL;
         return Outcome::kFailed;
     }
+    // Servers refuse a range that starts at the end or behind it; a seek on an open stream leads there all the same.
+    const bool isInside = m_facts.size < 0 || position < m_facts.size;
     const auto session = replaceSession(std::make_shared<StreamSession>(m_url, m_settings));
-    const Outcome outcome = result(session->open(position));
+    Outcome outcome = result(session->open(isInside ? position : 0));
+    if (outcome == Outcome::kDone && !isInside) {
+        outcome = result(session->seek(position));
+    }
     m_facts = session->facts();
     if (outcome != Outcome::kDone) {
         replaceSession(nullptr);

@@ -246,6 +246,21 @@ TEST_F(InterruptibleStreamTest, SeekThatWaitsForAHeaderIsInterruptedAndTheNextOn
     EXPECT_EQ(m_server.requests().at(2).header("Range"), "bytes=600000-");
 }
 
+TEST_F(InterruptibleStreamTest, SeekToTheEndIsInterruptedAndDoneAgain)
+{
+    Gate never;
+    m_server.onSequence("/a", {Reply::resource(m_media, kSize),
+                               Reply::resource(m_media, kSize).wait(At::start(), never),
+                               Reply::resource(m_media, kSize)});
+    InterruptibleStream stream(m_server.url("/a"), patient());
+    ASSERT_EQ(stream.open(), Outcome::kDone);
+    auto seeking = inBackground([&] { return stream.seek(kSize); });
+    ASSERT_TRUE(never.waitForArrivals());
+    EXPECT_EQ(interrupted(stream, seeking), Outcome::kInterrupted);
+    ASSERT_EQ(stream.seek(kSize), Outcome::kDone) << stream.error();
+    EXPECT_EQ(readSome(stream).outcome, Outcome::kEnd);
+}
+
 // Reads and seeks of a decoder, on a slow stream that breaks off now and then, with interrupts that come whenever they
 // like: every byte that is delivered stands where the stream says it is.
 TEST_F(InterruptibleStreamTest, RandomInterruptsAndSeeksNeverMisplaceAByte)

@@ -127,7 +127,8 @@ bool Source::seek(GstSegment& segment)
         return true;
     }
     const auto position = static_cast<long long>(segment.position);
-    const bool isThere = !m_target && position == m_stream.position() - static_cast<long long>(m_rest.size());
+    const bool isThere =
+        !m_target && !m_isAtTime && position == m_stream.position() - static_cast<long long>(m_rest.size());
     if (!isThere && !m_isDatagrams) {
         m_target = Target{GST_FORMAT_BYTES, position, 0};
     }
@@ -143,6 +144,7 @@ GstFlowReturn Source::moveTo(const Target& target)
     if (flow == GST_FLOW_OK) {
         m_rest.clear();
         m_isDiscontinuous = true;
+        m_isAtTime = isTime;
         m_timestamp = isTime ? target.milliseconds * GST_MSECOND : GST_CLOCK_TIME_NONE;
     }
     return flow;
@@ -164,7 +166,8 @@ GstBuffer* Source::takeWholeFrames(std::size_t count)
 
 GstFlowReturn Source::create(unsigned int blockSize, GstBuffer** buffer)
 {
-    GstFlowReturn flow = open();
+    // A seek opens by itself, where it leads, what an interrupt has closed.
+    GstFlowReturn flow = m_isAnnounced && m_target ? GST_FLOW_OK : open();
     if (flow == GST_FLOW_OK && m_target) {
         flow = moveTo(*m_target);
         if (flow != GST_FLOW_FLUSHING) { // interrupted: wanted still

@@ -63,6 +63,7 @@ private:
     unsigned int m_frameBytes = 1;
     bool m_isAnnounced = false;
     bool m_isDiscontinuous = false;
+    bool m_isAtTime = false; // behind a time seek, where positions may count from anywhere
     GstClockTime m_timestamp = GST_CLOCK_TIME_NONE; // of the next buffer
     std::optional<Target> m_target;
 
