@@ -14,6 +14,11 @@
     packages_lint="clang-format-14 clang-tidy-14 doxygen"
     packages_fuzz="$packages_build $packages_sanitized"
     packages_deb="dpkg-dev debhelper fakeroot"
+    # Players' frameworks: what integrations/ is built with, and what the tests decode with (bad: MPEG-TS).
+    packages_deb_integrations="libgstreamer1.0-dev"
+    packages_integrations="$packages_deb_integrations gstreamer1.0-tools gstreamer1.0-plugins-base
+        gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-libav"
+    packages_test="$packages_test $packages_integrations"
     packages_bench="$packages_build python3 nginx-light openssl libavformat-dev libgstreamer1.0-dev
         gstreamer1.0-plugins-base gstreamer1.0-plugins-good glib-networking libbenchmark-dev valgrind gnuplot-nox"
     packages_integrations="libavformat-dev libavcodec-dev libavutil-dev"

@@ -52,8 +52,8 @@ public:
     void interrupt();
     void proceed();
 
-    // The user pauses: an HTTP stream is paused as soon as nobody waits for its data. A read or a seek lets it go on,
-    // and so does hold(false).
+    // The user pauses: an HTTP stream is paused when nobody has wanted its data for a second, as decoders' queues are
+    // full then. A read or a seek lets it go on for as long as there are some, and so does hold(false).
     void hold(bool on);
 
 private:

@@ -65,6 +65,7 @@ Outcome StreamSession::endMove(Lock& lock, int error)
     lock.lock();
     m_moving = false;
     m_error = error;
+    noteUse(lock);
     m_changed.notify_all();
     if (m_broken) {
         return Outcome::kInterrupted;
@@ -142,9 +143,20 @@ bool StreamSession::startThread(Lock& /*lock*/)
     return true;
 }
 
+// What is held goes on by being used.
+void StreamSession::noteUse(Lock& /*lock*/)
+{
+    m_lastUse = std::chrono::steady_clock::now();
+    if (m_isHeld) {
+        m_isHeld = false;
+        m_changed.notify_all();
+    }
+}
+
 Outcome StreamSession::read(unsigned char* buffer, unsigned int size, unsigned int& count)
 {
     Lock lock(m_mutex);
+    noteUse(lock);
     for (;;) {
         if (m_interrupted || m_broken) {
             return Outcome::kInterrupted;
@@ -274,12 +286,11 @@ void StreamSession::proceed()
 void StreamSession::hold(bool on)
 {
     Lock lock(m_mutex);
-    if (m_http == nullptr || !m_opened || m_broken || m_ending || (!on && !m_thread.joinable()) ||
-        !startThread(lock)) {
-        return; // nothing to hold, or nothing held
+    m_holdWanted = on;
+    const bool mayHold = m_http != nullptr && m_opened && !m_broken && !m_ending;
+    if (mayHold && (!on || startThread(lock))) {
+        m_changed.notify_all();
     }
-    m_hold = on;
-    m_changed.notify_all();
 }
 
 bool StreamSession::isBroken() const

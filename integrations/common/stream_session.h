@@ -16,6 +16,7 @@
 #include "mdc_hlp_url_base.h"
 
 #include <boost/shared_ptr.hpp>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <memory>
@@ -73,7 +74,7 @@ public:
     void interrupt();
     void proceed();
 
-    // Pauses an HTTP stream (true) as soon as nobody waits for its data, and lets it go on.
+    // Pauses an HTTP stream (true) as soon as nobody has wanted its data for a second, and lets it go on.
     void hold(bool on);
 
     // No more to be used but for end: an interrupt has closed the stream.
@@ -98,6 +99,7 @@ private:
     int startTransfer(long long position, Lock& lock);
     int finishStart(long long position);
     unsigned int takeBuffered(unsigned char* buffer, unsigned int size);
+    void noteUse(Lock& lock);
     Outcome deliver(Catch& caught, unsigned char* buffer, unsigned int size, unsigned int& count);
     bool isVoid(const Catch& caught) const;
     bool startThread(Lock& lock);
@@ -110,6 +112,8 @@ private:
     // The thread's side, in stream_session_thread.cpp.
     static void run(const std::shared_ptr<StreamSession>& self);
     void serve(Lock& lock);
+    bool isHoldDue() const;
+    void changeHold(Lock& lock);
     Catch fetch(unsigned int size, unsigned int moves);
     Catch fetchHttp(unsigned int moves);
     Catch fetchDatagram(unsigned int size);
@@ -139,7 +143,10 @@ private:
     unsigned int m_wanted = 0; // bytes to read; 0: no read is asked for
     bool m_fetching = false;   // the thread is inside a read
     std::optional<Catch> m_caught;
-    std::optional<bool> m_hold; // not done yet
+    bool m_holdWanted = false;
+    bool m_isHeld = false;      // paused, and nobody has read since
+    bool m_mayBePaused = false; // paused; a read may have let it go on
+    std::chrono::steady_clock::time_point m_lastUse;
 };
 
 } // namespace player

@@ -10,6 +10,8 @@ namespace player {
 
 namespace {
 
+// A stream that is to be held is left alone for so long first.
+constexpr std::chrono::milliseconds kQuiet{1000};
 // Before the second, third ... try; the first comes at once.
 constexpr std::chrono::milliseconds kFirstDelay{250};
 constexpr std::chrono::milliseconds kLongestDelay{8000};
@@ -38,7 +40,7 @@ void StreamSession::run(const std::shared_ptr<StreamSession>& self)
 
 void StreamSession::serve(Lock& lock)
 {
-    m_changed.wait(lock, [this] { return m_ending || m_wanted > 0 || (m_hold && !m_moving); });
+    m_changed.wait(lock, [this] { return m_ending || m_wanted > 0 || isHoldDue(); });
     if (m_ending) {
         return;
     }
@@ -57,8 +59,27 @@ void StreamSession::serve(Lock& lock)
         m_changed.notify_all();
         return;
     }
-    const bool on = *m_hold;
-    m_hold.reset();
+    changeHold(lock);
+}
+
+bool StreamSession::isHoldDue() const
+{
+    return !m_moving && (m_holdWanted ? !m_isHeld : m_mayBePaused);
+}
+
+void StreamSession::changeHold(Lock& lock)
+{
+    const bool on = m_holdWanted;
+    if (on) {
+        // Queues that are still filling would only ask the server anew.
+        const auto isCalled = [this] { return m_ending || m_wanted > 0 || !isHoldDue() || !m_holdWanted; };
+        if (m_changed.wait_until(lock, m_lastUse + kQuiet, isCalled) ||
+            std::chrono::steady_clock::now() < m_lastUse + kQuiet) {
+            return;
+        }
+    }
+    m_isHeld = on;
+    m_mayBePaused = on;
     lock.unlock();
     // Either may wait for a response header, which is why they are here.
     if (on) {

@@ -96,6 +96,8 @@ protected:
         EXPECT_THAT(field("libmdchavio-dev", "Depends"), HasSubstr("libmdchavio1 (= " MDCH_VERSION ")"));
         EXPECT_THAT(field("libmdchavio-dev", "Depends"), HasSubstr("libmdchelper-dev (= " MDCH_VERSION ")"));
         EXPECT_THAT(field("libmdchavio-dev", "Depends"), HasSubstr("libavformat-dev"));
+        EXPECT_THAT(field("gstreamer1.0-mdch", "Depends"), HasSubstr("libmdchelper1 (>= "));
+        EXPECT_THAT(field("gstreamer1.0-mdch", "Depends"), HasSubstr("libgstreamer1.0-0 (>= "));
     }
 
     void expectCommandLineWorks() const
@@ -144,6 +146,15 @@ protected:
         const Result played = runToEnd({program, m_root.write("sound.wav", sound)}, options);
         EXPECT_EQ(played.status, 0) << played.err;
         EXPECT_THAT(played.out, HasSubstr("stream 0: pcm_u8\nstream 0: 1 frames, checksum "));
+    void expectPluginIsFound() const
+    {
+        support::ProcessOptions options;
+        options.setting = {"LD_LIBRARY_PATH=" + m_libraries,
+                           "GST_PLUGIN_PATH=" + m_libraries + "/gstreamer-1.0",
+                           "GST_REGISTRY=" + m_root.file("registry")};
+        EXPECT_THAT(runToEnd({"gst-inspect-1.0", "mdchsrc"}, options).out, HasSubstr("mdchelper source"));
+        const std::string plugin = m_libraries + "/gstreamer-1.0/libgstmdch.so";
+        EXPECT_THAT(runToEnd({"readelf", "-d", plugin}).out, Not(HasSubstr("runpath")));
     }
 
     const support::TempDir m_root{"debian"};
@@ -160,6 +171,7 @@ TEST_F(DebianTest, BuildInstallUseRemove)
     EXPECT_NE(dpkg({"--install", package("mdch")}).status, 0);
     const Result installed = dpkg({"--install", package("libmdchelper1"), package("libmdchelper-dev"),
                                    package("mdch"), package("libmdchavio1"), package("libmdchavio-dev")});
+                                   package("mdch"), package("gstreamer1.0-mdch")});
     ASSERT_EQ(installed.status, 0) << installed.out << installed.err;
     EXPECT_TRUE(fs::is_symlink(m_libraries + "/libmdchelper.so.1"));
     EXPECT_TRUE(fs::exists(m_root.file("usr/share/man/man3/mdchelper.3.gz")));
@@ -168,6 +180,7 @@ TEST_F(DebianTest, BuildInstallUseRemove)
     EXPECT_EQ(fs::exists(m_root.file("usr/share/bash-completion/completions/mdch")), MDCH_HAS_PAGES != 0);
     for (const char* name :
          {"libmdchelper1", "libmdchelper-dev", "mdch", "libmdchavio1", "libmdchavio-dev"}) {
+    for (const char* name : {"libmdchelper1", "libmdchelper-dev", "mdch", "gstreamer1.0-mdch"}) {
         const std::string folder = m_root.file(std::string("usr/share/doc/") + name);
         EXPECT_EQ(readFile(folder + "/copyright"), readFile(kSource + "/LICENSE.md")) << name;
     }
@@ -177,6 +190,10 @@ TEST_F(DebianTest, BuildInstallUseRemove)
 
     const Result removed =
         dpkg({"--purge", "libmdchavio-dev", "libmdchavio1", "mdch", "libmdchelper-dev", "libmdchelper1"});
+    expectPluginIsFound();
+
+    const Result removed =
+        dpkg({"--purge", "gstreamer1.0-mdch", "mdch", "libmdchelper-dev", "libmdchelper1"});
     EXPECT_EQ(removed.status, 0) << removed.err;
     EXPECT_EQ(files(), std::set<std::string>{});
 }

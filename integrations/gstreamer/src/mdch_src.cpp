@@ -210,27 +210,46 @@ gboolean getSize(GstBaseSrc* element, guint64* size)
     return TRUE;
 }
 
-// Seeks by bytes and by time, whichever the stream can; the segment takes the seek's format.
-gboolean prepareSeek(GstBaseSrc* element, GstEvent* seek, GstSegment* segment)
+// Seeks by bytes and by time, whichever the stream can. The base class seeks in the format of its segment alone, so that
+// one takes the seek's. False: the stream has no such seek.
+bool admitSeek(gpointer element, GstEvent* seek)
 {
     gdouble rate = 0;
     GstFormat format = GST_FORMAT_UNDEFINED;
-    GstSeekFlags flags = GST_SEEK_FLAG_NONE;
-    GstSeekType startType = GST_SEEK_TYPE_NONE;
-    GstSeekType stopType = GST_SEEK_TYPE_NONE;
-    gint64 from = 0;
-    gint64 to = 0;
-    gst_event_parse_seek(seek, &rate, &format, &flags, &startType, &from, &stopType, &to);
+    gst_event_parse_seek(seek, &rate, &format, nullptr, nullptr, nullptr, nullptr, nullptr);
     const auto facts = factsOf(element);
     const bool can = format == GST_FORMAT_TIME
                          ? facts && facts->timeSeekable && rate > 0
                          : format == GST_FORMAT_BYTES && (!facts || facts->byteSeekable);
     if (!can) {
+        return false;
+    }
+    auto* base = GST_BASE_SRC(element);
+    GST_OBJECT_LOCK(base);
+    if (facts && base->segment.format != format) {
+        gst_segment_init(&base->segment, format);
+    }
+    GST_OBJECT_UNLOCK(base);
+    return true;
+}
+
+// From downstream.
+gboolean takeEvent(GstBaseSrc* element, GstEvent* event)
+{
+    if (GST_EVENT_TYPE(event) == GST_EVENT_SEEK && !admitSeek(element, event)) {
         return FALSE;
     }
-    gst_segment_init(segment, format);
-    return gst_segment_do_seek(segment, rate, format, flags, startType, static_cast<guint64>(from), stopType,
-                               static_cast<guint64>(to), nullptr);
+    return parentClass()->event(element, event);
+}
+
+// From the application.
+gboolean sendEvent(GstElement* element, GstEvent* event)
+{
+    if (GST_EVENT_TYPE(event) == GST_EVENT_SEEK && !admitSeek(element, event)) {
+        gst_event_unref(event);
+        return FALSE;
+    }
+    return GST_ELEMENT_CLASS(g_parentClass)->send_event(element, event);
 }
 
 gboolean doSeek(GstBaseSrc* element, GstSegment* segment)
@@ -346,6 +365,7 @@ void initClass(gpointer klass, gpointer /*data*/)
         "mdchelper maintainers");
     gst_element_class_add_static_pad_template(element, &source);
     element->change_state = changeState;
+    element->send_event = sendEvent;
 
     auto* base = GST_BASE_SRC_CLASS(klass);
     base->start = start;
@@ -354,7 +374,7 @@ void initClass(gpointer klass, gpointer /*data*/)
     base->unlock_stop = unlockStop;
     base->is_seekable = isSeekable;
     base->get_size = getSize;
-    base->prepare_seek_segment = prepareSeek;
+    base->event = takeEvent;
     base->do_seek = doSeek;
     base->query = answer;
     GST_PUSH_SRC_CLASS(klass)->create = create;
