@@ -16,7 +16,10 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
+#include <filesystem>
 #include <gtest/gtest.h>
+#include <iostream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -52,6 +55,12 @@ Checksums playThrough(const std::string& source)
     Player player(source);
     EXPECT_TRUE(player.playToEnd()) << source << ": " << player.error().text << " " << player.error().debug;
     return player.checksums();
+}
+
+// The demuxers of the others lose their place when what is pushed is sought in, also in local files.
+bool keepsItsPlace(const MediaFile& file)
+{
+    return file.name != "song.ogg" && file.name != "film.ts";
 }
 
 // What came first behind each of twenty seeks, and all that came behind the last.
@@ -107,8 +116,7 @@ TEST_P(GstreamerMediaTest, SeeksOnAWebServerAsInAFile)
     nginx.addFile(file().name, readFile(file().path));
     const std::string remote = viaMdch(nginx.plain("/" + file().name));
     EXPECT_EQ(playWithSeeks(remote + kBuffered), playWithSeeks(viaFile(file())));
-    // The demuxers of the other two lose their place in what is pushed, from local files, too.
-    if (file().name != "song.ogg" && file().name != "film.ts") {
+    if (keepsItsPlace(file())) {
         EXPECT_EQ(playWithSeeks(remote), playWithSeeks(viaFile(file()) + kPushed));
     }
 }
@@ -130,6 +138,50 @@ TEST_P(GstreamerMediaTest, PlaysFromAMediaVolume)
     volume.dir().write("films of 2026/" + file().name, readFile(file().path));
     EXPECT_EQ(playThrough(viaMdch(volume.url("films of 2026/" + file().name))),
               playThrough(viaFile(file()) + kPushed));
+}
+
+// What a server has to do for one film.
+struct Traffic
+{
+    std::size_t connections = 0;
+    std::size_t requests = 0;
+    std::uint64_t bytes = 0;
+};
+
+Traffic trafficOf(const std::string& element, const MediaFile& file, bool withSeeks)
+{
+    HttpServer server;
+    server.on("/film", Reply::resource(readFile(file.path)).sendBuffer(65536));
+    const std::string source = element + " name=src location=\"" + server.url("/film") + "\"";
+    if (withSeeks) {
+        playWithSeeks(keepsItsPlace(file) ? source : source + kBuffered);
+    } else {
+        playThrough(source);
+    }
+    return {server.connectionCount(), server.requests().size(), server.bodyBytesSent("/film")};
+}
+
+// With MDC_PLAYER_TABLE set it prints the rows of docs/players.md, beside those of the standard source.
+TEST_P(GstreamerMediaTest, PlayingThroughIsOneConnection)
+{
+    const Traffic through = trafficOf("mdchsrc", file(), false);
+    EXPECT_EQ(through.connections, 1U);
+    if (file().name == "song.ogg") { // its demuxer looks at the end first, and comes back
+        EXPECT_LE(through.requests, 3U);
+    } else {
+        EXPECT_EQ(through.requests, 1U);
+        EXPECT_EQ(through.bytes, std::filesystem::file_size(file().path));
+    }
+    if (std::getenv("MDC_PLAYER_TABLE") != nullptr) {
+        const auto cell = [](const Traffic& traffic) {
+            return std::to_string(traffic.connections) + " / " + std::to_string(traffic.requests) + " / " +
+                   std::to_string(traffic.bytes / 1000);
+        };
+        std::cout << "| " << file().name << " | " << cell(through) << " | "
+                  << cell(trafficOf("souphttpsrc", file(), false)) << " | "
+                  << cell(trafficOf("mdchsrc", file(), true)) << " | "
+                  << cell(trafficOf("souphttpsrc", file(), true)) << " |" << std::endl;
+    }
 }
 
 class GstreamerServersTest : public testing::Test

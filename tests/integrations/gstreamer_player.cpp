@@ -1,6 +1,5 @@
 #include "gstreamer_player.h"
 
-#include "support/temp_dir.h"
 #include "support/wait.h"
 
 #include <chrono>
@@ -33,10 +32,10 @@ void addBuffer(GChecksum* sum, GstBuffer* buffer)
 
 void startGstreamer()
 {
-    static const TempDir registry("gstreamer");
     static const bool started = [] {
-        // No file of the user's, no plugin of another version of this project.
-        setenv("GST_REGISTRY", registry.file("registry").c_str(), 1);
+        // Not the user's file, and no plugin of another version of this project. The tests of a build share it, since
+        // each plugin of the machine is loaded for it once; GStreamer writes it whole.
+        setenv("GST_REGISTRY", REGISTRY_FILE, 1);
         setenv("GST_REGISTRY_FORK", "no", 1);
         setenv("GST_PLUGIN_PATH", PLUGIN_FOLDER, 1);
         unsetenv("GST_PLUGIN_FEATURE_RANK");
