@@ -5,15 +5,10 @@ target_compile_definitions(integration_gstreamer_player PRIVATE
     PLUGIN_FOLDER="$<TARGET_FILE_DIR:gstmdch>" REGISTRY_FILE="${CMAKE_CURRENT_BINARY_DIR}/gstreamer-registry")
 target_link_libraries(integration_gstreamer_player
     PUBLIC test_support PkgConfig::MDC_GSTREAMER_CHECK PRIVATE mdc_warnings)
-# Suppressed by the name of who took it, whose stack only the slow way of unwinding shows: a leak of ours through GLib's
-# g_malloc stays one.
-set(integration_environment "ASAN_OPTIONS=fast_unwind_on_malloc=0"
-    "LSAN_OPTIONS=print_suppressions=0:suppressions=${CMAKE_CURRENT_SOURCE_DIR}/lsan.supp")
 foreach(unit gstreamer_media_test gstreamer_source_test)
     mdc_add_integration_test(${unit}.cpp integration_gstreamer_player)
     add_dependencies(integration_${unit} gstmdch)
 endforeach()
-unset(integration_environment)
 
 # The rows of docs/players.md.
 add_custom_target(gstreamer_table

@@ -6,6 +6,30 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#ifdef __SANITIZE_ADDRESS__
+// What AddressSanitizer asks a program for. Suppressed by the name of who took it, which only the slow way of unwinding
+// shows: a leak of ours through GLib's g_malloc stays one.
+extern "C" const char* __asan_default_options()
+{
+    return "fast_unwind_on_malloc=0";
+}
+
+extern "C" const char* __lsan_default_options()
+{
+    return "print_suppressions=0";
+}
+
+// Other projects' libraries, which take something once per process and never give it back: the plugin loader for Python
+// with its interpreter, a plugin for subtitles with its fonts, one for depth cameras with its drivers, all loaded for the
+// list of plugins; and GLib's texts that are there for good, some of them before main.
+extern "C" const char* __lsan_default_suppressions()
+{
+    return "leak:libpython3\nleak:libfontconfig\nleak:libOpenNI2\nleak:libPSLink\nleak:libPS1080\n"
+           "leak:g_intern_string\nleak:g_intern_static_string\nleak:g_quark_from_string\n"
+           "leak:g_quark_from_static_string\nleak:_dl_init\n";
+}
+#endif
+
 namespace support {
 
 namespace {
