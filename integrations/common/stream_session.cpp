@@ -285,9 +285,12 @@ void StreamSession::proceed()
 
 void StreamSession::hold(bool on)
 {
+    if (m_http == nullptr) {
+        return; // nothing to hold: files wait, and datagrams do not
+    }
     Lock lock(m_mutex);
     m_holdWanted = on;
-    const bool mayHold = m_http != nullptr && m_opened && !m_broken && !m_ending;
+    const bool mayHold = m_opened && !m_broken && !m_ending;
     if (mayHold && (!on || startThread(lock))) {
         m_changed.notify_all();
     }
