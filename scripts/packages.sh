@@ -15,14 +15,13 @@
     packages_fuzz="$packages_build $packages_sanitized"
     packages_deb="dpkg-dev debhelper fakeroot"
     # Players' frameworks: what integrations/ is built with, and what the tests decode with (bad: MPEG-TS).
-    packages_deb_integrations="libgstreamer1.0-dev"
+    packages_deb_integrations="libgstreamer1.0-dev libavformat-dev libavcodec-dev libavutil-dev"
     packages_integrations="$packages_deb_integrations gstreamer1.0-tools gstreamer1.0-plugins-base
         gstreamer1.0-plugins-good gstreamer1.0-plugins-bad gstreamer1.0-libav"
     packages_test="$packages_test $packages_integrations"
     packages_bench="$packages_build python3 nginx-light openssl libavformat-dev libgstreamer1.0-dev
         gstreamer1.0-plugins-base gstreamer1.0-plugins-good glib-networking libbenchmark-dev valgrind gnuplot-nox"
-    packages_integrations="libavformat-dev libavcodec-dev libavutil-dev"
-    packages_test="$packages_test abigail-tools $packages_deb $packages_integrations"
+    packages_test="$packages_test abigail-tools $packages_deb"
     # The 32-bit ARM target: what runs here, and what is unpacked for the target (scripts/sysroot.sh).
     packages_target="cmake ninja-build pkg-config g++-arm-linux-gnueabihf qemu-user abigail-tools nginx-light icecast2
         ffmpeg openssl iproute2 locales"

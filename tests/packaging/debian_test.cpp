@@ -25,6 +25,10 @@ using testing::Not;
 const std::string kSource = SOURCE_FOLDER;
 const std::string kPackages = BINARY_FOLDER "/deb";
 
+// Each behind those that it depends on.
+const std::vector<std::string> kNames = {"libmdchelper1", "libmdchelper-dev", "mdch",
+                                         "libmdchavio1",  "libmdchavio-dev",  "gstreamer1.0-mdch"};
+
 // All of it is compiled, perhaps on a busy machine.
 constexpr std::chrono::minutes kDeadline{14};
 
@@ -146,6 +150,8 @@ protected:
         const Result played = runToEnd({program, m_root.write("sound.wav", sound)}, options);
         EXPECT_EQ(played.status, 0) << played.err;
         EXPECT_THAT(played.out, HasSubstr("stream 0: pcm_u8\nstream 0: 1 frames, checksum "));
+    }
+
     void expectPluginIsFound() const
     {
         support::ProcessOptions options;
@@ -169,31 +175,29 @@ TEST_F(DebianTest, BuildInstallUseRemove)
 
     // The command line needs the library, and cannot be configured without it.
     EXPECT_NE(dpkg({"--install", package("mdch")}).status, 0);
-    const Result installed = dpkg({"--install", package("libmdchelper1"), package("libmdchelper-dev"),
-                                   package("mdch"), package("libmdchavio1"), package("libmdchavio-dev")});
-                                   package("mdch"), package("gstreamer1.0-mdch")});
+    std::vector<std::string> install = {"--install"};
+    for (const std::string& name : kNames) {
+        install.push_back(package(name));
+    }
+    const Result installed = dpkg(install);
     ASSERT_EQ(installed.status, 0) << installed.out << installed.err;
     EXPECT_TRUE(fs::is_symlink(m_libraries + "/libmdchelper.so.1"));
     EXPECT_TRUE(fs::exists(m_root.file("usr/share/man/man3/mdchelper.3.gz")));
     // The command line's, when the build makes them.
     EXPECT_EQ(fs::exists(m_root.file("usr/share/man/man1/mdch.1.gz")), MDCH_HAS_PAGES != 0);
     EXPECT_EQ(fs::exists(m_root.file("usr/share/bash-completion/completions/mdch")), MDCH_HAS_PAGES != 0);
-    for (const char* name :
-         {"libmdchelper1", "libmdchelper-dev", "mdch", "libmdchavio1", "libmdchavio-dev"}) {
-    for (const char* name : {"libmdchelper1", "libmdchelper-dev", "mdch", "gstreamer1.0-mdch"}) {
-        const std::string folder = m_root.file(std::string("usr/share/doc/") + name);
+    for (const std::string& name : kNames) {
+        const std::string folder = m_root.file("usr/share/doc/" + name);
         EXPECT_EQ(readFile(folder + "/copyright"), readFile(kSource + "/LICENSE.md")) << name;
     }
     expectCommandLineWorks();
     expectProgramsCanBeBuilt();
     expectFfmpegPlaysThroughIt();
-
-    const Result removed =
-        dpkg({"--purge", "libmdchavio-dev", "libmdchavio1", "mdch", "libmdchelper-dev", "libmdchelper1"});
     expectPluginIsFound();
 
-    const Result removed =
-        dpkg({"--purge", "gstreamer1.0-mdch", "mdch", "libmdchelper-dev", "libmdchelper1"});
+    std::vector<std::string> purge = {"--purge"};
+    purge.insert(purge.end(), kNames.rbegin(), kNames.rend());
+    const Result removed = dpkg(purge);
     EXPECT_EQ(removed.status, 0) << removed.err;
     EXPECT_EQ(files(), std::set<std::string>{});
 }
