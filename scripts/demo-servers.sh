@@ -21,6 +21,16 @@ make_media() {
     cp "$work/nginx/cert.pem" "$work/trusted/"
 }
 
+# Beside tone.mp3, for players.
+make_player_media() {
+    local picture="testsrc=duration=5:size=320x240:rate=25" sound="sine=frequency=440:duration=5"
+    ffmpeg -nostdin -v error -f lavfi -i "$sound" -c:a libvorbis "$work/files/song.ogg"
+    ffmpeg -nostdin -v error -f lavfi -i "$picture" -f lavfi -i "$sound" -c:v libx264 -pix_fmt yuv420p \
+        -c:a libvorbis "$work/files/film.mkv"
+    ffmpeg -nostdin -v error -f lavfi -i "$picture" -f lavfi -i "$sound" -c:v mpeg2video -c:a mp2 \
+        "$work/files/film.ts"
+}
+
 listening() {
     local entry
     printf -v entry ' 0100007F:%04X 00000000:0000 0A ' "$1"

@@ -127,7 +127,7 @@ TEST(RecipesTest, EveryOptionExists)
     used.merge(options(readFile(kMakefile)));
     used.merge(options(readFile(kSource + "/packaging/debian/rules")));
     EXPECT_THAT(used, UnorderedElementsAre("MDC_BUILD_TESTS", "MDC_BUILD_TOOLS", "MDC_FFMPEG",
-                                           "MDC_WARNINGS_AS_ERRORS"));
+                                           "MDC_GSTREAMER", "MDC_WARNINGS_AS_ERRORS"));
     for (const std::string& option : used) {
         EXPECT_TRUE(build.find("option(" + option + " ") != std::string::npos ||
                     frameworks.find("mdc_find_framework(" + option + " ") != std::string::npos)
