@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#ifdef __SANITIZE_ADDRESS__
+#ifdef MDC_SANITIZED_ADDRESS
 // What AddressSanitizer asks a program for. Suppressed by the name of who took it, which only the slow way of unwinding
 // shows: a leak of ours through GLib's g_malloc stays one.
 extern "C" const char* __asan_default_options()
@@ -90,6 +90,16 @@ struct Player::Sink
         const std::lock_guard<std::mutex> lock(sink->mutex);
         addBuffer(sink->all, buffer);
     }
+    // What a demuxer had pushed when it sought, as some do once to find the duration, is not for anybody's ears.
+    static GstPadProbeReturn onFlush(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer data)
+    {
+        if (GST_EVENT_TYPE(gst_pad_probe_info_get_event(info)) == GST_EVENT_FLUSH_STOP) {
+            auto* sink = static_cast<Sink*>(data);
+            const std::lock_guard<std::mutex> lock(sink->mutex);
+            g_checksum_reset(sink->all);
+        }
+        return GST_PAD_PROBE_OK;
+    }
     static void onPreroll(GstElement* /*element*/, GstBuffer* buffer, GstPad* /*pad*/, gpointer data)
     {
         auto* sink = static_cast<Sink*>(data);
@@ -135,6 +145,9 @@ void Player::addSink(GstPad* pad)
 {
     auto sink = std::make_unique<Sink>();
     GstCaps* caps = gst_pad_get_current_caps(pad);
+    if (caps == nullptr) { // a seek has flushed them
+        caps = gst_pad_query_caps(pad, nullptr);
+    }
     sink->kind = gst_structure_get_name(gst_caps_get_structure(caps, 0));
     gst_caps_unref(caps);
     sink->element = gst_element_factory_make("fakesink", nullptr);
@@ -143,6 +156,7 @@ void Player::addSink(GstPad* pad)
     g_signal_connect(sink->element, "preroll-handoff", G_CALLBACK(&Sink::onPreroll), sink.get());
     gst_bin_add(GST_BIN(m_pipeline), sink->element);
     GstPad* end = gst_element_get_static_pad(sink->element, "sink");
+    gst_pad_add_probe(end, GST_PAD_PROBE_TYPE_EVENT_FLUSH, &Sink::onFlush, sink.get(), nullptr);
     gst_pad_link(pad, end);
     gst_object_unref(end);
     gst_element_sync_state_with_parent(sink->element);

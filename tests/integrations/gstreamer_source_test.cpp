@@ -191,11 +191,11 @@ TEST_F(GstreamerSourceTest, SeekAwayFromAStallAndAnEndDuringTheSeek)
                                Reply::resource(m_media, kSize).wait(At::start(), never)});
     Player player(source(m_server.url("/a")), false);
     ASSERT_TRUE(player.pause());
-    for (int i = 0; i < 2; ++i) { // the second one meets a server that does not answer
-        EXPECT_TRUE(
-            gst_element_seek_simple(player.pipeline(), GST_FORMAT_BYTES, GST_SEEK_FLAG_FLUSH, kSize / 2 - i));
+    for (std::size_t i = 0; i < 2; ++i) { // the second one meets a server that does not answer
+        EXPECT_TRUE(gst_element_seek_simple(player.pipeline(), GST_FORMAT_BYTES, GST_SEEK_FLAG_FLUSH,
+                                            static_cast<gint64>(kSize / 2 - i)));
         player.set(GST_STATE_PLAYING);
-        ASSERT_TRUE(never.waitForArrivals(2 + i));
+        ASSERT_TRUE(never.waitForArrivals(2 + static_cast<int>(i)));
     }
     EXPECT_EQ(m_server.requests().size(), 3U);
     EXPECT_EQ(m_server.requests().at(1).header("Range"), "bytes=500000-");

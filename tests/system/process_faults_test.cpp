@@ -13,6 +13,7 @@
 #include "support/media.h"
 #include "support/sockets.h"
 #include "support/udp_socket.h"
+#include "support/wait.h"
 
 #include <algorithm>
 #include <atomic>
@@ -23,9 +24,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <set>
+#include <spawn.h>
 #include <string>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -240,30 +243,79 @@ private:
     std::thread m_thread;
 };
 
+// A stream over HTTP, one of a file, and an upload.
+class UnderSignals
+{
+public:
+    UnderSignals() { m_server.on("/film", Reply::resource(kMedia, kSize).throttle(5'000'000)); }
+
+    void expectNothingChanges() const
+    {
+        const std::string content = kMedia.bytes(0, kSize);
+        const TempDir folder;
+        const std::string file = folder.write("film", content);
+        for (const std::string& url : {m_server.url("/film"), file}) {
+            Stream stream;
+            ASSERT_EQ(open(url, stream), 0) << url;
+            const std::string bytes = read(*stream, kSize);
+            EXPECT_EQ(bytes.size(), kSize) << url;
+            EXPECT_TRUE(kMedia.matches(0, bytes)) << url;
+            EXPECT_EQ(stream->error(), 0) << url;
+            EXPECT_EQ(stream->seek(-1'000, SEEK_END), 0) << url;
+            EXPECT_TRUE(kMedia.matches(kSize - 1'000, read(*stream, 1'000))) << url;
+        }
+        EXPECT_EQ(upload(m_ftp, file), 0);
+        ASSERT_EQ(m_ftp.uploads().size(), 1U);
+        EXPECT_EQ(m_ftp.uploads()[0].sha256, support::sha256Of(content));
+    }
+
+private:
+    static constexpr std::size_t kSize = 1'000'000;
+    HttpServer m_server;
+    support::FtpServer m_ftp;
+};
+
 TEST(Signals, thatInterruptEverythingChangeNoStream)
 {
-    constexpr std::size_t kSize = 1'000'000;
-    HttpServer server;
-    server.on("/film", Reply::resource(kMedia, kSize).throttle(5'000'000));
-    const TempDir folder;
-    const std::string content = kMedia.bytes(0, kSize);
-    const std::string file = folder.write("film", content);
-    support::FtpServer ftp;
+    const UnderSignals streams;
     const SignalStorm storm;
-    for (const std::string& url : {server.url("/film"), file}) {
-        Stream stream;
-        ASSERT_EQ(open(url, stream), 0) << url;
-        const std::string bytes = read(*stream, kSize);
-        EXPECT_EQ(bytes.size(), kSize) << url;
-        EXPECT_TRUE(kMedia.matches(0, bytes)) << url;
-        EXPECT_EQ(stream->error(), 0) << url;
-        EXPECT_EQ(stream->seek(-1'000, SEEK_END), 0) << url;
-        EXPECT_TRUE(kMedia.matches(kSize - 1'000, read(*stream, 1'000))) << url;
-    }
-    EXPECT_EQ(upload(ftp, file), 0);
-    ASSERT_EQ(ftp.uploads().size(), 1U);
-    EXPECT_EQ(ftp.uploads()[0].sha256, support::sha256Of(content));
+    g_signals = 0;
+    streams.expectNothingChanges();
     EXPECT_GT(g_signals, 10);
+}
+
+// Programs that the process starts end all the time: their signal interrupts the reader, and what they ended with is
+// for the process, not for the library.
+TEST(Signals, ofChildrenThatEndChangeNoStreamAndStayTheProcesss)
+{
+    sigset_t ofChildren;
+    sigemptyset(&ofChildren);
+    sigaddset(&ofChildren, SIGCHLD);
+    pthread_sigmask(SIG_BLOCK, &ofChildren, nullptr); // for the threads that are started here
+    const UnderSignals streams;
+    struct sigaction action = {};
+    struct sigaction former = {};
+    action.sa_handler = [](int) { ++g_signals; };
+    sigaction(SIGCHLD, &action, &former); // without SA_RESTART
+    g_signals = 0;
+    std::atomic<bool> isOver{false};
+    std::thread children([&isOver] {
+        char program[] = "false";
+        char* arguments[] = {program, nullptr};
+        while (!isOver) {
+            pid_t child = -1;
+            ASSERT_EQ(posix_spawnp(&child, program, nullptr, nullptr, arguments, environ), 0);
+            int status = 0;
+            ASSERT_EQ(waitpid(child, &status, 0), child);
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+        }
+    });
+    pthread_sigmask(SIG_UNBLOCK, &ofChildren, nullptr);
+    streams.expectNothingChanges();
+    EXPECT_TRUE(support::waitUntil([] { return g_signals > 3; }));
+    isOver = true;
+    children.join();
+    sigaction(SIGCHLD, &former, nullptr);
 }
 
 // A read waits for half a second. One that ended with the first signal would give nothing.
