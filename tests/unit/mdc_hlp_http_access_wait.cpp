@@ -47,9 +47,9 @@ TEST(Deadline, liesThatManyMillisecondsAhead)
     const auto nanoseconds = [](const timespec& time) {
         return static_cast<std::int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
     };
-    for (const long milliseconds : {0L, 1L, 999L, 1000L, 2500L}) {
+    for (const std::int64_t milliseconds : {0, 1, 999, 1000, 2500}) {
         const timespec before = now();
-        const timespec deadline = md::deadlineInMilliseconds(milliseconds);
+        const timespec deadline = md::deadlineInMilliseconds(static_cast<long>(milliseconds));
         const timespec after = now();
         EXPECT_GE(nanoseconds(deadline), nanoseconds(before) + milliseconds * 1'000'000);
         EXPECT_LE(nanoseconds(deadline), nanoseconds(after) + milliseconds * 1'000'000);
