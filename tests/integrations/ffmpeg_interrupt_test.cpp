@@ -41,7 +41,7 @@ struct Interrupt
 {
     std::atomic<bool> raised{false};
     std::atomic<int> asked{0};
-    std::thread::id asker;
+    std::atomic<std::thread::id> asker; // several contexts may share one
 
     AVIOInterruptCB callback()
     {
