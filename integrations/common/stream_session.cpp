@@ -201,6 +201,7 @@ bool StreamSession::isVoid(const Catch& caught) const
 
 Outcome StreamSession::deliver(Catch& caught, unsigned char* buffer, unsigned int size, unsigned int& count)
 {
+    const Outcome outcome = caught.outcome;
     m_error = caught.error;
     count = static_cast<unsigned int>(std::min<std::size_t>(caught.bytes.size(), size));
     std::copy_n(caught.bytes.begin(), count, buffer);
@@ -208,10 +209,10 @@ Outcome StreamSession::deliver(Catch& caught, unsigned char* buffer, unsigned in
         caught.bytes.erase(caught.bytes.begin(), caught.bytes.begin() + count);
         const Lock lock(m_mutex);
         m_caught = std::move(caught);
-    } else if (caught.outcome == Outcome::kDone) {
+    } else if (outcome == Outcome::kDone) {
         count += takeBuffered(buffer + count, size - count);
     }
-    return count > 0 ? Outcome::kDone : caught.outcome;
+    return count > 0 ? Outcome::kDone : outcome;
 }
 
 // Of a seek: without waiting once more for a header that has not come.

@@ -68,7 +68,7 @@ std::string headerText(const GValue* value)
     }
     GValue text = G_VALUE_INIT;
     g_value_init(&text, G_TYPE_STRING);
-    const std::string result = g_value_transform(value, &text) != FALSE ? textOf(&text) : "";
+    std::string result = g_value_transform(value, &text) != FALSE ? textOf(&text) : "";
     g_value_unset(&text);
     return result;
 }
@@ -129,7 +129,9 @@ player::StreamSettings Properties::settings() const
         all.cookies.emplace_back(*cookie);
     }
     for (const auto& [name, text] : headerFields(extraHeaders)) {
-        all.headerLines.push_back(name + ": " + text);
+        std::string line = name;
+        line.append(": ").append(text);
+        all.headerLines.push_back(std::move(line));
     }
     return all;
 }
