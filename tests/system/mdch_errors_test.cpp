@@ -281,6 +281,9 @@ protected:
         support::ProcessOptions options;
         options.standardOutput = m_folder.file("out");
         options.standardError = m_folder.file("err");
+        // What an earlier command left would make this one look ready before it has begun.
+        std::filesystem::remove(options.standardOutput);
+        std::filesystem::remove(options.standardError);
         support::Process process(support::mdchCommand(arguments), options);
         EXPECT_TRUE(support::waitUntil(ready));
         process.signal(number);
