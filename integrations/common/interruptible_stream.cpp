@@ -57,7 +57,9 @@ Outcome InterruptibleStream::openAt(long long position)
     if (outcome == Outcome::kDone && !isInside) {
         outcome = result(session->seek(position));
     }
-    m_facts = session->facts();
+    if (!m_opened || outcome == Outcome::kDone) {
+        m_facts = session->facts(); // one that was broken off has learned nothing, and the place is needed again
+    }
     if (outcome != Outcome::kDone) {
         replaceSession(nullptr);
         return outcome;

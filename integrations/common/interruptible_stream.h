@@ -42,7 +42,7 @@ public:
     // Of the next byte that a read gives. 0 where the stream has no positions.
     long long position() const { return m_position; }
 
-    // Of the last open. Empty before.
+    // Of the last open that came to its end. Empty before.
     const StreamFacts& facts() const { return m_facts; }
     // For the last kFailed: an mdch_HttpError or errno value, or a negated one.
     int error() const { return m_error; }

@@ -97,16 +97,21 @@ Result interrupted(InterruptibleStream& stream, std::future<Result>& waiting)
     return waiting.get();
 }
 
-// Interrupts whenever it likes.
+// Interrupts each of the caller's calls at most once, at any time of it: one that is interrupted again and again
+// never comes to an end.
 class Interrupter
 {
 public:
     explicit Interrupter(InterruptibleStream& stream)
         : m_thread([this, &stream] {
-              while (!m_done) {
+              for (unsigned int seen = 0; !m_done;) {
                   std::this_thread::yield();
-                  stream.interrupt();
-                  stream.proceed();
+                  const unsigned int calls = m_calls;
+                  if (calls != seen) {
+                      seen = calls;
+                      stream.interrupt();
+                      stream.proceed();
+                  }
               }
           })
     {
@@ -119,8 +124,11 @@ public:
     Interrupter(const Interrupter&) = delete;
     Interrupter& operator=(const Interrupter&) = delete;
 
+    void beginCall() { ++m_calls; }
+
 private:
     std::atomic<bool> m_done{false};
+    std::atomic<unsigned int> m_calls{0};
     std::thread m_thread;
 };
 
@@ -261,6 +269,29 @@ TEST_F(InterruptibleStreamTest, SeekToTheEndIsInterruptedAndDoneAgain)
     EXPECT_EQ(readSome(stream).outcome, Outcome::kEnd);
 }
 
+TEST_F(InterruptibleStreamTest, ReadBehindInterruptedSeeksGoesOnWhereTheStreamWas)
+{
+    Gate never;
+    m_server.onSequence("/a", {Reply::resource(m_media, kSize),
+                               Reply::resource(m_media, kSize).wait(At::start(), never),
+                               Reply::resource(m_media, kSize).wait(At::start(), never),
+                               Reply::resource(m_media, kSize)});
+    InterruptibleStream stream(m_server.url("/a"), patient());
+    EXPECT_EQ(readUpTo(stream, 5000).bytes.size(), 5000U);
+    for (int seeks = 1; seeks <= 2; ++seeks) {
+        auto seeking = inBackground([&] { return stream.seek(500'000); });
+        ASSERT_TRUE(never.waitForArrivals(seeks));
+        EXPECT_EQ(interrupted(stream, seeking), Outcome::kInterrupted);
+    }
+    const Piece rest = readUpTo(stream, 1000);
+    EXPECT_EQ(rest.bytes.size(), 1000U);
+    EXPECT_TRUE(m_media.matches(5000, rest.bytes));
+    EXPECT_EQ(stream.position(), 6000);
+    EXPECT_EQ(stream.facts().size, static_cast<long long>(kSize));
+    ASSERT_EQ(m_server.requests().size(), 4U);
+    EXPECT_EQ(m_server.requests().at(3).header("Range"), "bytes=5000-");
+}
+
 // Reads and seeks of a decoder, on a slow stream that breaks off now and then, with interrupts that come whenever they
 // like: every byte that is delivered stands where the stream says it is.
 TEST_F(InterruptibleStreamTest, RandomInterruptsAndSeeksNeverMisplaceAByte)
@@ -272,19 +303,21 @@ TEST_F(InterruptibleStreamTest, RandomInterruptsAndSeeksNeverMisplaceAByte)
         return ++requests % 7 == 0 ? reply.close(At::body(20'000)) : reply;
     });
     InterruptibleStream stream(m_server.url("/a"), patient());
-    const Interrupter other(stream);
+    Interrupter other(stream);
     int delivered = 0;
     long long position = 0;
     for (int i = 0; i < support::randomRounds(1000); ++i) {
         if (random.below(4) == 0) {
             const auto target = static_cast<long long>(random.below(kSize));
             Outcome outcome = Outcome::kInterrupted;
+            other.beginCall();
             while (outcome == Outcome::kInterrupted) {
                 outcome = stream.seek(target);
             }
             ASSERT_EQ(outcome, Outcome::kDone) << stream.error();
             position = target;
         }
+        other.beginCall();
         const Piece piece = readSome(stream, 1 + static_cast<unsigned int>(random.below(kBlock)));
         ASSERT_NE(piece.outcome, Outcome::kFailed) << stream.error();
         if (piece.outcome == Outcome::kEnd) {
