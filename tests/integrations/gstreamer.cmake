@@ -4,21 +4,13 @@ add_library(integration_gstreamer_player STATIC gstreamer_player.cpp)
 target_compile_definitions(integration_gstreamer_player PRIVATE
     PLUGIN_FOLDER="$<TARGET_FILE_DIR:gstmdch>" REGISTRY_FILE="${CMAKE_CURRENT_BINARY_DIR}/gstreamer-registry")
 target_link_libraries(integration_gstreamer_player
-    PUBLIC test_support PkgConfig::MDC_GSTREAMER_CHECK PRIVATE mdc_warnings)
-mdc_add_integration_test(gstreamer_source_test.cpp integration_gstreamer_player)
-mdc_add_integration_program(gstreamer_media_test.cpp integration_gstreamer_player)
-foreach(unit gstreamer_media_test gstreamer_source_test)
+    PUBLIC integration_support PkgConfig::MDC_GSTREAMER_CHECK GTest::gtest PRIVATE mdc_warnings)
+foreach(unit gstreamer_source_test gstreamer_media_test gstreamer_multicast_test)
+    mdc_add_integration_test(${unit}.cpp integration_gstreamer_player)
     add_dependencies(integration_${unit} gstmdch)
     # GStreamer is compiled with -pthread, which the shared headers are not.
     set_target_properties(integration_${unit} PROPERTIES DISABLE_PRECOMPILE_HEADERS ON)
 endforeach()
-# Not all of it runs with the other tests yet (docs/testing.md, "Players").
-if(NOT MDC_SANITIZE AND NOT MDC_COVERAGE)
-    gtest_discover_tests(integration_gstreamer_media_test
-        TEST_PREFIX integration/gstreamer_media_test/ TEST_FILTER "*PlaysFromAWebServer*:*ThatBreaksOff*"
-        DISCOVERY_TIMEOUT 60 DISCOVERY_MODE PRE_TEST
-        PROPERTIES TIMEOUT ${mdc_test_timeout} LABELS integration ENVIRONMENT "${mdc_test_environment}")
-endif()
 
 # The rows of docs/players.md.
 add_custom_target(gstreamer_table

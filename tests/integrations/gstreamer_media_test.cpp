@@ -6,22 +6,17 @@
 #include "mdc_hlp_http_access.h"
 #include "support/certificates.h"
 #include "support/http_server.h"
-#include "support/network_namespace.h"
-#include "support/udp_socket.h"
 #include "support/volume.h"
-#include "support/wait.h"
 #include "system/support_icecast.h"
 #include "system/support_nginx.h"
 #include "system/support_process.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <iostream>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace {
@@ -29,38 +24,24 @@ namespace {
 using support::At;
 using support::Checksums;
 using support::HttpServer;
+using support::kPushed;
 using support::MediaFile;
 using support::mediaFile;
 using support::Player;
+using support::playThrough;
 using support::readFile;
 using support::Reply;
+using support::viaFile;
+using support::viaMdch;
 
-std::string viaMdch(const std::string& address, const std::string& properties = "")
-{
-    return "mdchsrc name=src location=\"" + address + "\" " + properties;
-}
-
-std::string viaFile(const MediaFile& file)
-{
-    return "filesrc name=src location=\"" + file.path + "\"";
-}
-
-// Pushed, as a network source pushes: a demuxer that may pull seeks in another way.
-constexpr const char* kPushed = " ! queue";
 // What players put behind a network source that can seek, so that demuxers may pull.
 constexpr const char* kBuffered = " ! queue2 ring-buffer-max-size=4000000";
 
-Checksums playThrough(const std::string& source)
-{
-    Player player(source);
-    EXPECT_TRUE(player.playToEnd()) << source << ": " << player.error().text << " " << player.error().debug;
-    return player.checksums();
-}
-
-// The demuxers of the others lose their place when what is pushed is sought in, also in local files.
+// The demuxers of the others lose their place, or refuse a seek now and then, when what is pushed is sought in, also in
+// local files.
 bool keepsItsPlace(const MediaFile& file)
 {
-    return file.name != "song.ogg" && file.name != "film.ts";
+    return file.name != "song.ogg" && file.name != "film.ts" && file.name != "film.mkv";
 }
 
 // What came first behind each of twenty seeks, and all that came behind the last.
@@ -165,10 +146,11 @@ Traffic trafficOf(const std::string& element, const MediaFile& file, bool withSe
 TEST_P(GstreamerMediaTest, PlayingThroughIsOneConnection)
 {
     const Traffic through = trafficOf("mdchsrc", file(), false);
-    EXPECT_EQ(through.connections, 1U);
     if (file().name == "song.ogg") { // its demuxer looks at the end first, and comes back
+        EXPECT_LE(through.connections, 2U);
         EXPECT_LE(through.requests, 3U);
     } else {
+        EXPECT_EQ(through.connections, 1U);
         EXPECT_EQ(through.requests, 1U);
         EXPECT_EQ(through.bytes, std::filesystem::file_size(file().path));
     }
@@ -189,41 +171,6 @@ class GstreamerServersTest : public testing::Test
 protected:
     ~GstreamerServersTest() override { md::HttpAccess::shutdown(); }
 };
-
-// As many datagrams as the film has, so that it has an end. The first test here: threads that GStreamer keeps from
-// another one would be outside of the network.
-TEST_F(GstreamerServersTest, PlaysMulticastAsAFile)
-{
-    const support::NetworkNamespace network;
-    if (!network) {
-        GTEST_SKIP() << network.problem();
-    }
-    const MediaFile& film = mediaFile("film.ts");
-    const std::string content = readFile(film.path);
-    constexpr std::size_t kDatagram = std::size_t{7} * 188;
-    const std::size_t count = (content.size() + kDatagram - 1) / kDatagram;
-    Player player(viaMdch("udp://239.1.2.3:5000", "num-buffers=" + std::to_string(count)));
-    std::atomic<std::size_t> arrived{0};
-    GstPad* pad = gst_element_get_static_pad(player.source(), "src");
-    const auto onBuffer = +[](GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer counter) {
-        ++*static_cast<std::atomic<std::size_t>*>(counter);
-        return GST_PAD_PROBE_OK;
-    };
-    gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, onBuffer, &arrived, nullptr);
-    gst_object_unref(pad);
-    EXPECT_EQ(player.set(GST_STATE_PAUSED), GST_STATE_CHANGE_NO_PREROLL); // live
-    player.set(GST_STATE_PLAYING);
-    ASSERT_TRUE(support::waitUntil(
-        [] { return readFile("/proc/thread-self/net/igmp").find("030201EF") != std::string::npos; }));
-    const support::UdpSender sender("239.1.2.3", 5000);
-    constexpr std::size_t kAhead = 50; // of what the receive buffer holds
-    for (std::size_t i = 0; i < count; ++i) {
-        ASSERT_TRUE(support::waitUntil([&] { return arrived + kAhead > i; }));
-        sender.send(std::string_view(content).substr(i * kDatagram, kDatagram));
-    }
-    EXPECT_TRUE(player.playToEnd()) << player.error().debug;
-    EXPECT_EQ(player.checksums(), playThrough(viaFile(film) + kPushed));
-}
 
 TEST_F(GstreamerServersTest, PlaysOverHttpsWithADirectoryOfCertificates)
 {

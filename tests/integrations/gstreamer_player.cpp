@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <gtest/gtest.h>
 #include <stdexcept>
 
 #ifdef MDC_SANITIZED_ADDRESS
@@ -69,6 +70,16 @@ void startGstreamer()
         return true;
     }();
     static_cast<void>(started);
+}
+
+std::string viaMdch(const std::string& address, const std::string& properties)
+{
+    return "mdchsrc name=src location=\"" + address + "\" " + properties;
+}
+
+std::string viaFile(const MediaFile& file)
+{
+    return "filesrc name=src location=\"" + file.path + "\"";
 }
 
 struct Player::Sink
@@ -280,6 +291,13 @@ const GstStructure* Player::message(const std::string& name) const
 {
     const auto found = m_messages.find(name);
     return found != m_messages.end() ? found->second.get() : nullptr;
+}
+
+Checksums playThrough(const std::string& source)
+{
+    Player player(source);
+    EXPECT_TRUE(player.playToEnd()) << source << ": " << player.error().text << " " << player.error().debug;
+    return player.checksums();
 }
 
 } // namespace support

@@ -1,6 +1,8 @@
 // A GStreamer pipeline under test, and what its decoders make of a stream.
 #pragma once
 
+#include "media_files.h"
+
 #include <gst/gst.h>
 #include <map>
 #include <memory>
@@ -29,6 +31,13 @@ struct PlayerError
 
 // Checksum of what a decoder gave, by the kind of media: "audio/x-raw", "video/x-raw".
 using Checksums = std::map<std::string, std::string>;
+
+// Sources as gst-launch takes them.
+std::string viaMdch(const std::string& address, const std::string& properties = "");
+std::string viaFile(const MediaFile& file);
+
+// Behind viaFile: pushed, as a network source pushes. A demuxer that may pull seeks in another way.
+constexpr const char* kPushed = " ! queue";
 
 // source ! decodebin ! fakesinks, as fast as it goes.
 class Player
@@ -80,5 +89,8 @@ private:
     std::map<std::string, std::vector<std::string>> m_tags;
     std::map<std::string, std::unique_ptr<GstStructure, UnrefStructure>> m_messages;
 };
+
+// What decoders make of all of it; a failure of the test when it breaks off.
+Checksums playThrough(const std::string& source);
 
 } // namespace support

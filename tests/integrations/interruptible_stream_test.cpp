@@ -272,10 +272,9 @@ TEST_F(InterruptibleStreamTest, SeekToTheEndIsInterruptedAndDoneAgain)
 TEST_F(InterruptibleStreamTest, ReadBehindInterruptedSeeksGoesOnWhereTheStreamWas)
 {
     Gate never;
-    m_server.onSequence("/a", {Reply::resource(m_media, kSize),
-                               Reply::resource(m_media, kSize).wait(At::start(), never),
-                               Reply::resource(m_media, kSize).wait(At::start(), never),
-                               Reply::resource(m_media, kSize)});
+    m_server.onSequence(
+        "/a", {Reply::resource(m_media, kSize), Reply::resource(m_media, kSize).wait(At::start(), never),
+               Reply::resource(m_media, kSize).wait(At::start(), never), Reply::resource(m_media, kSize)});
     InterruptibleStream stream(m_server.url("/a"), patient());
     EXPECT_EQ(readUpTo(stream, 5000).bytes.size(), 5000U);
     for (int seeks = 1; seeks <= 2; ++seeks) {
