@@ -177,7 +177,7 @@ TEST(Wakeup, writesOneLetterPerCall)
     mdchHttpCurl_wakeupWorkerThread();
     mdchHttpCurl_wakeupWorkerThread();
     char letters[8] = {};
-    EXPECT_EQ(::read(md::httpEngine().wakeupReadEnd, letters, sizeof(letters)), 2);
+    EXPECT_EQ(::read(md::httpEngine().wakeupPipe->readEnd(), letters, sizeof(letters)), 2);
     EXPECT_STREQ(letters, "aa");
     md::closeWakeup();
 }
@@ -187,7 +187,7 @@ TEST(Wakeup, notesWhatTheWorkerIsToLookAt)
     mdchHttpCurl_initWakeup();
     const auto wakeFor = [](std::int32_t number) { mdchHttpCurl_wakeupWorkerFor(*makeDescriptor(number)); };
     const auto take = [] {
-        const md::ChangedTransfers changed = md::takeWakeups(md::httpEngine().wakeupReadEnd);
+        const md::ChangedTransfers changed = md::takeWakeups(md::httpEngine().wakeupPipe->readEnd());
         return changed.isAll() ? std::vector<std::int32_t>{-1}
                                : std::vector<std::int32_t>(changed.begin(), changed.end());
     };
@@ -196,7 +196,7 @@ TEST(Wakeup, notesWhatTheWorkerIsToLookAt)
     wakeFor(7);
     EXPECT_EQ(take(), (std::vector<std::int32_t>{7, 5}));
     char letter = 0;
-    EXPECT_EQ(::read(md::httpEngine().wakeupReadEnd, &letter, 1), -1) << "the pipe is empty";
+    EXPECT_EQ(::read(md::httpEngine().wakeupPipe->readEnd(), &letter, 1), -1) << "the pipe is empty";
     EXPECT_EQ(take(), std::vector<std::int32_t>{});
     wakeFor(7);
     mdchHttpCurl_wakeupWorkerThread();
@@ -219,7 +219,7 @@ TEST(Wakeup, notesWhatTheWorkerIsToLookAt)
 TEST(Wakeup, hasNonBlockingEndsThatAreClosedOnExec)
 {
     mdchHttpCurl_initWakeup();
-    for (const int end : {md::httpEngine().wakeupReadEnd, md::httpEngine().wakeupWriteEnd}) {
+    for (const int end : {md::httpEngine().wakeupPipe->readEnd(), md::httpEngine().wakeupPipe->writeEnd()}) {
         EXPECT_NE(::fcntl(end, F_GETFL) & O_NONBLOCK, 0);
         EXPECT_NE(::fcntl(end, F_GETFD) & FD_CLOEXEC, 0);
     }

@@ -340,8 +340,7 @@ TEST_F(Worker, sleepsAndPollsWithoutAPipe)
     {
         md::HttpEngine& engine = md::httpEngine();
         const MdpLock lock(engine.wakeupMutex);
-        ::close(std::exchange(engine.wakeupReadEnd, -1));
-        ::close(std::exchange(engine.wakeupWriteEnd, -1));
+        engine.wakeupPipe.reset();
     }
     m_server.on("/", Reply().body("hello"));
     stream.fcntl(MDCH_FCNTL_HEADER_TIMEOUT, 40);

@@ -28,9 +28,8 @@ struct HttpEngine
     std::map<std::int32_t, MdchDescriptorPtr> registry; // guarded by registryMutex
 
     MdpMutex wakeupMutex{kWakeupLock};
-    int wakeupReadEnd = -1; // guarded by wakeupMutex, as is the other; -1: no pipe
-    int wakeupWriteEnd = -1;
-    ChangedTransfers changed; // what the worker was woken for; likewise
+    std::shared_ptr<const WakeupPipe> wakeupPipe; // guarded by wakeupMutex; null: none
+    ChangedTransfers changed;                     // what the worker was woken for; likewise
 
     std::atomic<std::uint64_t> passes{0};
 };

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <new>
 #include <unistd.h>
 #include <utility>
 
@@ -13,24 +14,12 @@ namespace md {
 
 namespace {
 
-using PipeEnds = std::array<int, 2>;
-
-// The ends change under the lock: a late wake-up must not write into whoever gets their numbers next.
-PipeEnds exchangeEnds(const PipeEnds& ends)
+void exchangePipe(std::shared_ptr<const WakeupPipe> pipe)
 {
     HttpEngine& engine = httpEngine();
     const MdpLock lock(engine.wakeupMutex);
     engine.changed.clear();
-    return {std::exchange(engine.wakeupReadEnd, ends[0]), std::exchange(engine.wakeupWriteEnd, ends[1])};
-}
-
-void closeAll(const PipeEnds& ends)
-{
-    for (const int end : ends) {
-        if (end >= 0) {
-            ::close(end);
-        }
-    }
+    engine.wakeupPipe.swap(pipe); // the former one goes behind the lock
 }
 
 // Notes what for, and wakes the worker. Nothing without a pipe: the worker looks at all transfers all the time then.
@@ -38,20 +27,47 @@ template <class Note>
 void wake(Note note)
 {
     HttpEngine& engine = httpEngine();
-    const MdpLock lock(engine.wakeupMutex);
-    if (engine.wakeupWriteEnd <= 0) {
-        return;
+    std::shared_ptr<const WakeupPipe> pipe;
+    {
+        const MdpLock lock(engine.wakeupMutex);
+        pipe = engine.wakeupPipe;
+        if (pipe == nullptr) {
+            return;
+        }
+        note(engine.changed);
     }
-    note(engine.changed);
+    // Unlocked: the worker, awake at once, would run into the lock.
     const char wake = 'a';
     // EAGAIN: the pipe is full of wake-ups already.
-    if (::write(engine.wakeupWriteEnd, &wake, 1) < 0 && errno != EAGAIN) {
+    if (::write(pipe->writeEnd(), &wake, 1) < 0 && errno != EAGAIN) {
         MDCH_TRACE(kTraceError, "%s(): cannot write to wakeup pipe: %s\n", "mdchHttpCurl_wakeupWorkerThread",
                    std::strerror(errno));
     }
 }
 
 } // namespace
+
+std::shared_ptr<const WakeupPipe> WakeupPipe::make()
+{
+    const std::shared_ptr<WakeupPipe> pipe(new WakeupPipe);
+    std::array<int, 2> ends{};
+    // Non-blocking: neither a full pipe nor a drained one may hold a thread that has locks.
+    if (pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
+        return nullptr;
+    }
+    pipe->m_readEnd = ends[0];
+    pipe->m_writeEnd = ends[1];
+    return pipe;
+}
+
+WakeupPipe::~WakeupPipe()
+{
+    for (const int end : {m_readEnd, m_writeEnd}) {
+        if (end >= 0) {
+            ::close(end);
+        }
+    }
+}
 
 ChangedTransfers takeWakeups(int readEnd)
 {
@@ -66,27 +82,31 @@ ChangedTransfers takeWakeups(int readEnd)
 
 void closeWakeup()
 {
-    closeAll(exchangeEnds({-1, -1}));
+    exchangePipe(nullptr);
 }
 
 } // namespace md
 
 void mdchHttpCurl_initWakeup()
 {
-    md::PipeEnds ends{-1, -1};
-    // Non-blocking: neither a full pipe nor a drained one may hold a thread that has locks.
-    if (pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
+    std::shared_ptr<const md::WakeupPipe> pipe;
+    try {
+        pipe = md::WakeupPipe::make();
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+    }
+    if (pipe == nullptr) {
         MDCH_TRACE(md::kTraceError, "%s(): cannot create wakeup pipe: %s\n", __func__, std::strerror(errno));
         return;
     }
-    md::closeAll(md::exchangeEnds(ends));
+    md::exchangePipe(std::move(pipe));
 }
 
 bool mdchHttpCurl_hasWakeup()
 {
     md::HttpEngine& engine = md::httpEngine();
     const MdpLock lock(engine.wakeupMutex);
-    return engine.wakeupWriteEnd > 0;
+    return engine.wakeupPipe != nullptr;
 }
 
 void mdchHttpCurl_wakeupWorkerThread()

@@ -11,6 +11,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 namespace md {
 
@@ -47,10 +48,30 @@ private:
     bool m_isAll = false;
 };
 
+/* Both ends, closed with the last who holds it: a late wake-up must not write into whoever gets their numbers next. */
+class WakeupPipe
+{
+public:
+    /* Null, and errno set: there is none to be had. Throws std::bad_alloc. */
+    static std::shared_ptr<const WakeupPipe> make();
+    ~WakeupPipe();
+    WakeupPipe(const WakeupPipe&) = delete;
+    WakeupPipe& operator=(const WakeupPipe&) = delete;
+
+    int readEnd() const { return m_readEnd; }
+    int writeEnd() const { return m_writeEnd; }
+
+private:
+    WakeupPipe() = default;
+
+    int m_readEnd = -1;
+    int m_writeEnd = -1;
+};
+
 /* Empties the pipe, and hands over what the worker was woken for. Called by the worker. */
 ChangedTransfers takeWakeups(int readEnd);
 
-/* Closes the pipe, if there is one, and forgets the note. */
+/* Lets go of the pipe, if there is one, and forgets the note. */
 void closeWakeup();
 
 } // namespace md

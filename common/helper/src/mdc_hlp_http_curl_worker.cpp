@@ -335,7 +335,7 @@ void Worker::prepareWait()
     int readEnd = -1;
     {
         const MdpLock lock(m_engine.wakeupMutex);
-        readEnd = m_engine.wakeupReadEnd;
+        readEnd = m_engine.wakeupPipe != nullptr ? m_engine.wakeupPipe->readEnd() : -1;
     }
     m_hasPipe = readEnd > 0;
     m_watched.clear();

@@ -40,17 +40,23 @@ void takeOwnInterfaceOnly(int socket)
 #endif
 }
 
-// False: none came in time. A signal of the caller's does not shorten the wait.
-bool waitForDatagram(pollfd& waited)
+bool isNothingThere(int error)
 {
+    return error == EAGAIN || error == EWOULDBLOCK;
+}
+
+// False: none came in time. A signal of the caller's does not shorten the wait.
+bool waitForDatagram(int number)
+{
+    pollfd waited{number, POLLIN, 0};
     using Clock = std::chrono::steady_clock;
     const auto end = Clock::now() + std::chrono::milliseconds(kReadMilliseconds);
     int left = kReadMilliseconds;
-    int result = 0;
-    do {
-        result = poll(&waited, 1, left);
+    int result = poll(&waited, 1, left);
+    while (result < 0 && errno == EINTR && left > 0) {
         left = static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count());
-    } while (result < 0 && errno == EINTR && left > 0);
+        result = poll(&waited, 1, std::max(left, 0));
+    }
     return result > 0;
 }
 
@@ -223,15 +229,21 @@ int MdchUrlUdp::read(unsigned char* buffer, unsigned int size)
 {
     MDCH_TRACE(md::kTraceCall, "%s:%d:%s(): read .\n", MDCH_HERE);
     const std::shared_ptr<Socket> socket = m_socket->use();
+    const int number = socket != nullptr ? socket->number : -1;
     const bool isClosed = socket == nullptr && m_socketNumber >= 0;
-    pollfd waited{socket != nullptr ? socket->number : -1, POLLIN, 0};
-    if (!isClosed && !waitForDatagram(waited)) {
-        return 0;
+    // Not blocking: a datagram that another reader was faster to take is none, not a wait without end. And before the
+    // wait: datagrams come in bursts, and what is queued costs one system call.
+    const auto receive = [&] { return recv(number, buffer, size, MSG_DONTWAIT); };
+    const bool neverOpened = number < 0 && !isClosed;
+    ssize_t count = neverOpened ? -1 : receive();
+    if (neverOpened || (count < 0 && isNothingThere(errno))) {
+        if (!waitForDatagram(number)) {
+            return 0;
+        }
+        count = receive();
     }
-    // Not blocking: a datagram that another reader was faster to take is none, not a wait without end.
-    const ssize_t count = recv(waited.fd, buffer, size, MSG_DONTWAIT);
     if (count < 0) {
-        if (errno != EAGAIN && errno != EWOULDBLOCK) {
+        if (!isNothingThere(errno)) {
             MDCH_TRACE(md::kTraceFatal, "%s:%d:%s(): read error.\n", MDCH_HERE);
         }
         return 0;
