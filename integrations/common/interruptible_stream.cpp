@@ -54,11 +54,16 @@ Outcome InterruptibleStream::openAt(long long position)
     const bool isInside = m_facts.size < 0 || position < m_facts.size;
     const auto session = replaceSession(std::make_shared<StreamSession>(m_url, m_settings));
     Outcome outcome = result(session->open(isInside ? position : 0));
+    if (outcome == Outcome::kDone && position > 0 && session->version() != m_version) {
+        outcome = Outcome::kFailed; // its bytes do not go on from ours
+        m_error = MDCH_HTTP_ETRANSFER;
+    }
     if (outcome == Outcome::kDone && !isInside) {
         outcome = result(session->seek(position));
     }
     if (!m_opened || outcome == Outcome::kDone) {
-        m_facts = session->facts(); // one that was broken off has learned nothing, and the place is needed again
+        m_facts =
+            session->facts(); // one that was broken off has learned nothing, and the place is needed again
     }
     if (outcome != Outcome::kDone) {
         replaceSession(nullptr);
@@ -66,6 +71,7 @@ Outcome InterruptibleStream::openAt(long long position)
     }
     m_position = std::max(session->position(), 0LL);
     m_opened = true;
+    m_version = session->version();
     return outcome;
 }
 

@@ -31,7 +31,8 @@ public:
     Outcome open();
 
     // Stores what is there, at least one byte; of datagrams one, cut to size. A transfer that broke off is gone on with
-    // where it was, as often as the settings say, before kFailed.
+    // where it was, as often as the settings say, before kFailed; not when the server has another version by now, which
+    // its length or its ETag shows: that is MDCH_HTTP_ETRANSFER.
     Outcome read(unsigned char* buffer, unsigned int size, unsigned int& count);
 
     // kFailed: the place is gone; another seek may find one.
@@ -68,6 +69,7 @@ private:
     int m_error = 0;
     long long m_position = 0;
     bool m_opened = false; // once
+    std::string m_version; // of what was opened then
 
     mutable std::mutex m_mutex;
     // Guarded by the mutex; changed by the caller alone, who may look at the first without it.

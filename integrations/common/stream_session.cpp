@@ -1,5 +1,7 @@
 #include "stream_session.h"
 
+#include "response_header.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -111,6 +113,7 @@ void StreamSession::learnFacts()
     if (m_http != nullptr) {
         m_facts.httpStatus = std::max(m_http->getResponseCode(), 0);
         m_http->getHeaderList(m_facts.headerLines);
+        m_version = versionOf(*m_http);
     }
     m_facts.size = m_stream->size();
     m_facts.byteSeekable = m_stream->isSeekable() == 1;
@@ -123,7 +126,7 @@ unsigned int StreamSession::takeBuffered(unsigned char* buffer, unsigned int siz
 {
     std::size_t used = 0;
     std::size_t room = 0;
-    if (m_http == nullptr || m_http->getBufferLevel(used, room) != 0 || used == 0) {
+    if (m_http == nullptr || m_isOther || m_http->getBufferLevel(used, room) != 0 || used == 0) {
         return 0;
     }
     const int count = m_http->read(buffer, static_cast<unsigned int>(std::min<std::size_t>(size, used)));

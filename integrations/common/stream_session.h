@@ -83,6 +83,8 @@ public:
     // The stream's number for the last kFailed: mdch_HttpError, an errno value or a negated one.
     int error() const { return m_error; }
     const StreamFacts& facts() const { return m_facts; }
+    // Of what was opened; see versionOf. Empty where there is no HTTP.
+    const std::string& version() const { return m_version; }
 
 private:
     using Lock = std::unique_lock<std::mutex>;
@@ -126,7 +128,10 @@ private:
     md::HttpAccess* m_http = nullptr;        // the same, when it is one
     bool m_isDatagrams = false;
     StreamFacts m_facts;
+    std::string m_version;
     int m_error = 0;
+    bool m_isOther =
+        false; // the server has another version by now; the thread's, handed over with what it brings
     long long m_soughtTo = -1; // where the last seek led
 
     mutable std::mutex m_mutex;

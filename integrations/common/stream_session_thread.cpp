@@ -1,6 +1,8 @@
 // The thread that waits for a session's data.
 #include "stream_session.h"
 
+#include "response_header.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -104,7 +106,15 @@ StreamSession::Catch StreamSession::fetchHttp(unsigned int moves)
     Catch caught;
     for (int tries = 0;; ++tries) {
         unsigned char byte = 0;
-        if (m_http->read(&byte, 1) == 1) {
+        const bool isThere = m_http->read(&byte, 1) == 1;
+        // Bytes of another version do not go on from ours.
+        m_isOther = m_isOther || (isThere && tries > 0 && versionOf(*m_http) != m_version);
+        if (m_isOther) {
+            caught.outcome = Outcome::kFailed;
+            caught.error = MDCH_HTTP_ETRANSFER;
+            return caught;
+        }
+        if (isThere) {
             caught.bytes.push_back(byte);
             return caught;
         }

@@ -343,6 +343,37 @@ TEST_F(InterruptibleStreamTest, TransferThatBreaksOffGoesOnWhereItWas)
     EXPECT_EQ(m_server.requests().at(3).header("Range"), "bytes=300000-");
 }
 
+TEST_F(InterruptibleStreamTest, AnotherVersionIsNotGoneOnWith)
+{
+    const Reply former = Reply::resource(m_media, kSize).header("ETag: \"1\"").close(At::body(300'000));
+    for (const Reply& later : {Reply::resource(Media(11), kSize).header("ETag: \"2\""),
+                               Reply::resource(Media(11), kSize + 1).header("ETag: \"1\"")}) {
+        m_server.onSequence("/a", {former, later});
+        InterruptibleStream stream(m_server.url("/a"), patient());
+        const Piece all = readAll(stream);
+        EXPECT_EQ(all.outcome, Outcome::kFailed);
+        EXPECT_EQ(stream.error(), MDCH_HTTP_ETRANSFER);
+        EXPECT_EQ(all.bytes.size(), 300'000U);
+        EXPECT_TRUE(m_media.matches(0, all.bytes));
+        EXPECT_EQ(readSome(stream).outcome, Outcome::kFailed) << "nor at the next try";
+    }
+}
+
+TEST_F(InterruptibleStreamTest, AnotherVersionBehindAnInterruptedSeekIsNotGoneOnWith)
+{
+    Gate never;
+    const Reply former = Reply::resource(m_media, kSize).header("ETag: \"1\"");
+    m_server.onSequence("/a", {former, Reply(former).wait(At::start(), never),
+                               Reply::resource(Media(11), kSize).header("ETag: \"2\"")});
+    InterruptibleStream stream(m_server.url("/a"), patient());
+    EXPECT_EQ(readUpTo(stream, 5000).bytes.size(), 5000U);
+    auto seeking = inBackground([&] { return stream.seek(500'000); });
+    ASSERT_TRUE(never.waitForArrivals());
+    EXPECT_EQ(interrupted(stream, seeking), Outcome::kInterrupted);
+    EXPECT_EQ(readSome(stream).outcome, Outcome::kFailed);
+    EXPECT_EQ(stream.error(), MDCH_HTTP_ETRANSFER);
+}
+
 TEST_F(InterruptibleStreamTest, TriesEndAndTheReasonIsTold)
 {
     m_server.onSequence("/a", {Reply::resource(m_media, kSize).close(At::body(300'000)), Reply::hangUp()});

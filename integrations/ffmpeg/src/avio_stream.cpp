@@ -1,6 +1,7 @@
 #include "avio_stream.h"
 
 #include "avio_error.h"
+#include "response_header.h"
 
 #include "mdc_hlp_http_access.h"
 #include "mdc_hlp_url_udp.h"
@@ -10,8 +11,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <deque>
-#include <strings.h>
 #include <utility>
 
 extern "C" {
@@ -24,19 +23,6 @@ namespace {
 
 constexpr int kNothingInTime = EAGAIN; // the stream's error when data are late,
 constexpr int kNoHeader = EFAULT;      // and when the response header is
-
-// The value of a header line with that name (which ends with its colon); empty when there is none.
-std::string headerValue(md::HttpAccess& http, const std::string& name)
-{
-    std::deque<std::string> lines;
-    http.getHeaderList(lines);
-    for (const std::string& line : lines) {
-        if (strncasecmp(line.c_str(), name.c_str(), name.size()) == 0) {
-            return line.substr(name.size());
-        }
-    }
-    return {};
-}
 
 } // namespace
 
@@ -112,7 +98,7 @@ int Stream::openAnew()
     m_position = 0;
     m_broken = 0;
     if (m_http != nullptr && m_settings.wantsTitles()) {
-        const std::string interval = headerValue(*m_http, "icy-metaint:");
+        const std::string interval = player::headerValue(*m_http, "icy-metaint");
         m_radio = std::make_unique<md::IcyReader>(m_stream, std::atoi(interval.c_str()));
     }
     return 0;
@@ -134,10 +120,9 @@ void Stream::learnAbilities()
     m_timeSeekable = m_http != nullptr && (m_http->capability() & MDCH_CAPABILITY_TIME_SEEK) != 0;
 }
 
-// What has to be the same for bytes of two responses to belong together.
 std::string Stream::version() const
 {
-    return m_http != nullptr ? std::to_string(m_http->size()) + headerValue(*m_http, "ETag:") : std::string();
+    return m_http != nullptr ? player::versionOf(*m_http) : std::string();
 }
 
 int Stream::openAt(std::int64_t position)
