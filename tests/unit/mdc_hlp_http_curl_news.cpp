@@ -4,39 +4,13 @@
 
 #include "support/engine.h"
 #include "support/media.h"
+#include "support/own_allocator.h"
 #include "support/trace_capture.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <future>
 #include <gtest/gtest.h>
-#include <new>
-
-namespace {
-
-thread_local bool t_memoryIsOut = false;
-
-} // namespace
-
-// Not inlined: the compiler would take them for a pair that does not match.
-[[gnu::noinline]] void* operator new(std::size_t size)
-{
-    void* memory = t_memoryIsOut ? nullptr : std::malloc(size > 0 ? size : 1);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-
-[[gnu::noinline]] void operator delete(void* memory) noexcept
-{
-    std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept
-{
-    std::free(memory);
-}
 
 namespace {
 
@@ -184,9 +158,10 @@ TEST_F(News, areToldAtOnceWhenThereIsNoMemoryToNoteThem)
     md::wantBytes(*desc, 5);
     EXPECT_EQ(desc->ringBuffer.enqueue("bytes", 5), 5);
     m_pass.begin();
-    t_memoryIsOut = true;
-    md::tellOfData(desc);
-    t_memoryIsOut = false;
+    {
+        const support::ScarceMemory none;
+        md::tellOfData(desc);
+    }
     EXPECT_EQ(desc->wantedBytes, 0U);
     m_pass.tell();
 }

@@ -2,48 +2,15 @@
 #include "mdc_hlp_icy.h"
 
 #include "mdp_debug.h"
+#include "support/own_allocator.h"
 #include "support/scripted_stream.h"
 #include "support/slow_icy.h"
 
 #include <array>
 #include <boost/make_shared.hpp>
-#include <cstdlib>
 #include <gtest/gtest.h>
-#include <limits>
-#include <new>
 #include <string>
 #include <vector>
-
-namespace {
-
-constexpr int kNever = std::numeric_limits<int>::max();
-
-int allocationsLeft = kNever; // before they fail
-
-} // namespace
-
-// Not inlined: the compiler would take them for a pair that does not match.
-[[gnu::noinline]] void* operator new(std::size_t size)
-{
-    if (allocationsLeft != kNever && allocationsLeft-- <= 0) {
-        throw std::bad_alloc();
-    }
-    void* memory = std::malloc(size > 0 ? size : 1);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-
-[[gnu::noinline]] void operator delete(void* memory) noexcept
-{
-    std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept
-{
-    std::free(memory);
-}
 
 namespace {
 
@@ -59,7 +26,7 @@ TEST(WithoutMemory, aTitleIsLostAndTheAudioGoesOn)
         "abcd" + icyBlock("StreamTitle='" + kFirst + "';StreamUrl='" + kUrl + "';") + "efgh" +
         icyBlock("StreamTitle='" + kSecond + "\xe9';StreamUrl='" + kUrl + "';") + "ijkl";
     bool failed = true;
-    int allocations = 0;
+    std::size_t allocations = 0;
     for (; failed; ++allocations) {
         const auto stream = boost::make_shared<support::ScriptedStream>(bytes);
         stream->reserveRequests(16);
@@ -67,10 +34,12 @@ TEST(WithoutMemory, aTitleIsLostAndTheAudioGoesOn)
         std::array<unsigned char, 16> buffer{};
         ASSERT_EQ(radio.read(buffer.data(), 5), 5);
         ASSERT_EQ(radio.title(), kFirst);
-        allocationsLeft = allocations;
-        const int count = radio.read(buffer.data() + 5, 11);
-        failed = allocationsLeft < 0;
-        allocationsLeft = kNever;
+        int count = 0;
+        {
+            const support::ScarceMemory scarce(allocations);
+            count = radio.read(buffer.data() + 5, 11);
+            failed = scarce.wasMissed();
+        }
         EXPECT_EQ(count, 7);
         EXPECT_EQ(std::string(buffer.begin(), buffer.begin() + 12), "abcdefghijkl");
         EXPECT_EQ(radio.tell(), 12);
@@ -80,7 +49,7 @@ TEST(WithoutMemory, aTitleIsLostAndTheAudioGoesOn)
         EXPECT_EQ(radio.title(), failed ? kFirst : kSecond + "\xc3\xa9");
         EXPECT_EQ(radio.url(), kUrl);
     }
-    EXPECT_GT(allocations, 5) << "nothing ever failed";
+    EXPECT_GT(allocations, 5U) << "nothing ever failed";
 }
 
 TEST(WithoutMemory, theLossIsTraced)
@@ -94,9 +63,11 @@ TEST(WithoutMemory, theLossIsTraced)
         [](void* seen, unsigned int code, const char*) { *static_cast<unsigned int*>(seen) = code; }, &level);
     mdpDebugSetSeverity(3000);
     std::array<unsigned char, 2> buffer{};
-    allocationsLeft = 0;
-    const int count = radio.read(buffer.data(), 2);
-    allocationsLeft = kNever;
+    int count = 0;
+    {
+        const support::ScarceMemory none;
+        count = radio.read(buffer.data(), 2);
+    }
     mdpDebugSetSeverity(1000);
     mdpDebugSetSink(nullptr, nullptr);
     EXPECT_EQ(count, 2);

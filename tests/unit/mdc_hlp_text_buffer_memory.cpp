@@ -2,41 +2,14 @@
 #include "mdc_hlp_url_encode.h"
 #include "mdc_hlp_url_patch.h"
 
+#include "support/own_allocator.h"
+
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cstddef>
-#include <cstdlib>
 #include <gtest/gtest.h>
-#include <new>
 #include <string>
 #include <vector>
-
-namespace {
-
-std::atomic<std::size_t> g_allocations{0};
-std::atomic<bool> g_memoryIsOut{false};
-
-} // namespace
-
-// Not inlined: the compiler would take the insides of the two for a mismatch.
-__attribute__((noinline)) void* operator new(std::size_t size)
-{
-    ++g_allocations;
-    void* memory = g_memoryIsOut ? nullptr : std::malloc(size > 0 ? size : 1);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-__attribute__((noinline)) void operator delete(void* memory) noexcept
-{
-    std::free(memory);
-}
-__attribute__((noinline)) void operator delete(void* memory, std::size_t /*size*/) noexcept
-{
-    std::free(memory);
-}
 
 namespace {
 
@@ -56,14 +29,14 @@ TEST(UrlTextMemory, repairAllocatesTheResultAndNothingElse)
     const std::array<std::string, 4> urls{repeated("\xc3\xa9", 1000), repeated("\xc3\xa9 ", 500) + "\xe9",
                                           repeated(" ", 3000), std::string(5000, 'a')};
     for (const std::string& url : urls) {
-        const std::size_t before = g_allocations;
+        const std::size_t before = support::allocationCount();
         const std::string result = md::urlPatch(url);
-        EXPECT_EQ(g_allocations - before, 1U) << url.substr(0, 10);
+        EXPECT_EQ(support::allocationCount() - before, 1U) << url.substr(0, 10);
         EXPECT_GE(result.size(), url.size());
     }
-    const std::size_t before = g_allocations;
+    const std::size_t before = support::allocationCount();
     const std::string small = md::urlPatch("a b");
-    EXPECT_EQ(g_allocations - before, 0U) << "a small string has memory of its own";
+    EXPECT_EQ(support::allocationCount() - before, 0U) << "a small string has memory of its own";
     EXPECT_EQ(small, "a%20b");
 }
 
@@ -73,9 +46,11 @@ TEST(UrlTextMemory, wantOfMemoryIsAResultOfTheCFunctionsNotAnException)
          {mdc_httphelper_urlEncode, mdc_httphelper_urlDecode, mdc_httphelper_urlPatch}) {
         const std::string input = std::string(1000, 'a') + " %41";
         std::vector<char> buffer(10000, 'x');
-        g_memoryIsOut = true;
-        const int returned = function(input.c_str(), buffer.data(), 10000);
-        g_memoryIsOut = false;
+        int returned = 0;
+        {
+            const support::ScarceMemory none;
+            returned = function(input.c_str(), buffer.data(), 10000);
+        }
         EXPECT_EQ(returned, -12);
         EXPECT_TRUE(std::all_of(buffer.begin(), buffer.end(), [](char byte) { return byte == 'x'; }));
         EXPECT_EQ(function(input.c_str(), buffer.data(), 10000), 0);
