@@ -103,7 +103,7 @@ TEST_P(GstreamerMediaTest, SeeksOnAWebServerAsInAFile)
 }
 
 // Slow, in small pieces, and every connection breaks off before the file ends.
-TEST_P(GstreamerMediaTest, PlaysFromAServerThatBreaksOff)
+TEST_P(GstreamerMediaTest, PlaysAndSeeksOnAServerThatBreaksOff)
 {
     HttpServer server;
     server.on("/film", [content = readFile(file().path)](const support::Request& /*request*/) {
@@ -111,14 +111,16 @@ TEST_P(GstreamerMediaTest, PlaysFromAServerThatBreaksOff)
     });
     EXPECT_EQ(playThrough(viaMdch(server.url("/film"))), playThrough(viaFile(file()) + kPushed));
     EXPECT_GT(server.requests().size(), 2U);
+    EXPECT_EQ(playWithSeeks(viaMdch(server.url("/film")) + kBuffered), playWithSeeks(viaFile(file())));
 }
 
-TEST_P(GstreamerMediaTest, PlaysFromAMediaVolume)
+TEST_P(GstreamerMediaTest, PlaysAndSeeksOnAMediaVolume)
 {
     const support::Volume volume("BEEF-CAFE");
     volume.dir().write("films of 2026/" + file().name, readFile(file().path));
-    EXPECT_EQ(playThrough(viaMdch(volume.url("films of 2026/" + file().name))),
-              playThrough(viaFile(file()) + kPushed));
+    const std::string source = viaMdch(volume.url("films of 2026/" + file().name));
+    EXPECT_EQ(playThrough(source), playThrough(viaFile(file()) + kPushed));
+    EXPECT_EQ(playWithSeeks(source + kBuffered), playWithSeeks(viaFile(file())));
 }
 
 // What a server has to do for one film.
@@ -184,12 +186,14 @@ TEST_F(GstreamerServersTest, PlaysOverHttpsWithADirectoryOfCertificates)
               playWithSeeks(viaFile(film)));
 }
 
-TEST_F(GstreamerServersTest, PlaysAFileOfARadioServer)
+TEST_F(GstreamerServersTest, PlaysAndSeeksInAFileOfARadioServer)
 {
     const MediaFile& song = mediaFile("song.ogg");
     const support::Icecast icecast(support::Icecast::Program::kNone);
     icecast.addFile(song.name, readFile(song.path));
-    EXPECT_EQ(playThrough(viaMdch(icecast.url("/" + song.name))), playThrough(viaFile(song) + kPushed));
+    const std::string source = viaMdch(icecast.url("/" + song.name));
+    EXPECT_EQ(playThrough(source), playThrough(viaFile(song) + kPushed));
+    EXPECT_EQ(playWithSeeks(source + kBuffered), playWithSeeks(viaFile(song)));
 }
 
 TEST_F(GstreamerServersTest, TitlesOfARadioStreamArriveAsTags)
