@@ -312,9 +312,14 @@ TEST_F(ScanPlaylist, readingEndsWhenPatienceIsOver)
         const MdpLock lock = md::lockDescriptor(*desc);
         desc->dataTimeout = 1; // a read gives what there is after a second
     }
+    const TraceCapture traces;
     const std::vector<unsigned char> data = md::readPlaylist(handle, std::chrono::seconds(0));
     EXPECT_FALSE(data.empty());
     EXPECT_EQ(mdch_UrlTell(handle), static_cast<long long>(data.size()));
-    EXPECT_EQ(mdch_UrlError(handle), EAGAIN) << "the first read was the last";
+    const Texts texts = traces.texts();
+    const auto isShortRead = [](const std::string& text) {
+        return text.find("read(): cannot fill up the requested buffer on fd 100") == 0;
+    };
+    EXPECT_EQ(std::count_if(texts.begin(), texts.end(), isShortRead), 1) << "the first read was the last";
     mdch_UrlClose(handle);
 }
