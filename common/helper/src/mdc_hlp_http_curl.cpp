@@ -12,6 +12,8 @@ namespace md {
 
 namespace {
 
+thread_local bool t_isRemoving = false; // inside removeFromMulti
+
 void initRecursive(pthread_mutex_t& mutex)
 {
     pthread_mutexattr_t attributes;
@@ -114,7 +116,14 @@ void removeFromMulti(HttpEngine& engine, MdchCurlDescriptor_struct& desc)
     }
     desc.inMulti = 0;
     const SigpipeBlocked noSigpipe; // a connection that is closed here may have lost its peer
+    t_isRemoving = true;
     curl_multi_remove_handle(engine.multi, desc.easy);
+    t_isRemoving = false;
+}
+
+bool isRemovingFromMulti()
+{
+    return t_isRemoving;
 }
 
 } // namespace md

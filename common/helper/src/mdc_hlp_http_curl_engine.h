@@ -57,6 +57,13 @@ void unregisterDescriptor(const MdchCurlDescriptor_struct& desc);
 void addToMulti(HttpEngine& engine, MdchCurlDescriptor_struct& desc);
 void removeFromMulti(HttpEngine& engine, MdchCurlDescriptor_struct& desc);
 
+/*
+ * Whether the calling thread is inside removeFromMulti, with the locks that its caller holds. A TLS handshake that is
+ * under way goes on there: to see whether the server has ended the connection libcurl reads, and OpenSSL asks for the
+ * verdict on a certificate that has come meanwhile. Who is called back so must not come to a lock.
+ */
+bool isRemovingFromMulti();
+
 /* Frees the libcurl handle and its lists. The handle is not in the multi handle. Caller holds the locks. */
 void freeRequest(MdchCurlDescriptor_struct& desc);
 

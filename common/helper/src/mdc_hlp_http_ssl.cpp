@@ -1,6 +1,7 @@
 #include "mdc_hlp_http_ssl.h"
 
 #include "mdc_hlp_http_curl.h"
+#include "mdc_hlp_http_curl_engine.h"
 #include "mdc_hlp_trace.h"
 
 #include <cerrno>
@@ -158,6 +159,9 @@ void mdchHttpSsl_cleanupCerts(stack_st_X509* certificates)
 
 int mdchHttpSsl_verifyCertificateCallback(x509_store_ctx_st* storeContext, void* fd)
 {
+    if (md::isRemovingFromMulti()) {
+        return 0; // the connection is being closed: nobody wants it any more
+    }
     const int number = md::pointerAsNumber(fd);
     const md::MdchDescriptorPtr desc = mdchHttpCurl_getContext(number);
     if (storeContext == nullptr || desc == nullptr) {
