@@ -3,6 +3,7 @@
 #include "mdc_hlp_trace.h"
 #include "mdc_hlp_url_handle.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <boost/lexical_cast.hpp>
 #include <cerrno>
