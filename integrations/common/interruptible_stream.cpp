@@ -54,7 +54,7 @@ Outcome InterruptibleStream::openAt(long long position)
     const bool isInside = m_facts.size < 0 || position < m_facts.size;
     const auto session = replaceSession(std::make_shared<StreamSession>(m_url, m_settings));
     Outcome outcome = result(session->open(isInside ? position : 0));
-    if (outcome == Outcome::kDone && position > 0 && session->version() != m_version) {
+    if (outcome == Outcome::kDone && position > 0 && !areOfOneFile(session->version(), m_version)) {
         outcome = Outcome::kFailed; // its bytes do not go on from ours
         m_error = MDCH_HTTP_ETRANSFER;
     }
@@ -62,8 +62,7 @@ Outcome InterruptibleStream::openAt(long long position)
         outcome = result(session->seek(position));
     }
     if (!m_opened || outcome == Outcome::kDone) {
-        m_facts =
-            session->facts(); // one that was broken off has learned nothing, and the place is needed again
+        m_facts = session->facts(); // one that was broken off has learned nothing
     }
     if (outcome != Outcome::kDone) {
         replaceSession(nullptr);
@@ -71,7 +70,9 @@ Outcome InterruptibleStream::openAt(long long position)
     }
     m_position = std::max(session->position(), 0LL);
     m_opened = true;
-    m_version = session->version();
+    if (position == 0) {
+        m_version = session->version(); // another one, read from its start, is all right
+    }
     return outcome;
 }
 

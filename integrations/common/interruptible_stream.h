@@ -69,7 +69,7 @@ private:
     int m_error = 0;
     long long m_position = 0;
     bool m_opened = false; // once
-    std::string m_version; // of what was opened then
+    Version m_version;     // of what is being read
 
     mutable std::mutex m_mutex;
     // Guarded by the mutex; changed by the caller alone, who may look at the first without it.

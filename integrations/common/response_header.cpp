@@ -24,9 +24,16 @@ std::string headerValue(md::HttpAccess& http, const std::string& name)
     return {};
 }
 
-std::string versionOf(md::HttpAccess& http)
+Version versionOf(md::HttpAccess& http)
 {
-    return std::to_string(http.size()) + ' ' + headerValue(http, "ETag");
+    return {http.size(), headerValue(http, "ETag")};
+}
+
+bool areOfOneFile(const Version& one, const Version& other)
+{
+    const bool haveSizes = one.size >= 0 && other.size >= 0;
+    const bool haveTags = !one.tag.empty() && !other.tag.empty();
+    return (!haveSizes || one.size == other.size) && (!haveTags || one.tag == other.tag);
 }
 
 } // namespace player

@@ -1,4 +1,4 @@
-// What a response header says of the resource. Both wait for the header.
+// What a response header says of the resource. Who asks a stream waits for its header.
 #pragma once
 
 #include <string>
@@ -13,6 +13,14 @@ namespace player {
 std::string headerValue(md::HttpAccess& http, const std::string& name);
 
 // What has to be the same for bytes of two responses to belong together: length and entity tag (RFC 9110, 8.8.3).
-std::string versionOf(md::HttpAccess& http);
+struct Version
+{
+    long long size = -1; // negative: unknown
+    std::string tag;     // empty: none was told
+};
+Version versionOf(md::HttpAccess& http);
+
+// Nothing that both responses tell may differ. Some servers leave the tag out of the answer to a range.
+bool areOfOneFile(const Version& one, const Version& other);
 
 } // namespace player

@@ -11,6 +11,7 @@
 // open, read, seek and seekTime: one caller at a time. interrupt, proceed and hold: any thread, at any time.
 #pragma once
 
+#include "response_header.h"
 #include "stream_settings.h"
 
 #include "mdc_hlp_url_base.h"
@@ -83,8 +84,8 @@ public:
     // The stream's number for the last kFailed: mdch_HttpError, an errno value or a negated one.
     int error() const { return m_error; }
     const StreamFacts& facts() const { return m_facts; }
-    // Of what was opened; see versionOf. Empty where there is no HTTP.
-    const std::string& version() const { return m_version; }
+    // Of what was opened.
+    const Version& version() const { return m_version; }
 
 private:
     using Lock = std::unique_lock<std::mutex>;
@@ -128,10 +129,9 @@ private:
     md::HttpAccess* m_http = nullptr;        // the same, when it is one
     bool m_isDatagrams = false;
     StreamFacts m_facts;
-    std::string m_version;
+    Version m_version;
     int m_error = 0;
-    bool m_isOther =
-        false; // the server has another version by now; the thread's, handed over with what it brings
+    bool m_isOther = false; // the server has another version by now; the thread's, handed over with its catch
     long long m_soughtTo = -1; // where the last seek led
 
     mutable std::mutex m_mutex;

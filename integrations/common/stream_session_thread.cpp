@@ -108,7 +108,7 @@ StreamSession::Catch StreamSession::fetchHttp(unsigned int moves)
         unsigned char byte = 0;
         const bool isThere = m_http->read(&byte, 1) == 1;
         // Bytes of another version do not go on from ours.
-        m_isOther = m_isOther || (isThere && tries > 0 && versionOf(*m_http) != m_version);
+        m_isOther = m_isOther || (isThere && tries > 0 && !areOfOneFile(versionOf(*m_http), m_version));
         if (m_isOther) {
             caught.outcome = Outcome::kFailed;
             caught.error = MDCH_HTTP_ETRANSFER;

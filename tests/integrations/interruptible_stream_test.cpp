@@ -359,6 +359,17 @@ TEST_F(InterruptibleStreamTest, AnotherVersionIsNotGoneOnWith)
     }
 }
 
+TEST_F(InterruptibleStreamTest, AnAnswerWithoutTagIsGoneOnWith)
+{
+    m_server.onSequence("/a", {Reply::resource(m_media, kSize).header("ETag: \"1\"").close(At::body(300'000)),
+                               Reply::resource(m_media, kSize)});
+    InterruptibleStream stream(m_server.url("/a"), patient());
+    const Piece all = readAll(stream);
+    EXPECT_EQ(all.outcome, Outcome::kEnd) << stream.error();
+    EXPECT_EQ(all.bytes.size(), kSize);
+    EXPECT_TRUE(m_media.matches(0, all.bytes));
+}
+
 TEST_F(InterruptibleStreamTest, AnotherVersionBehindAnInterruptedSeekIsNotGoneOnWith)
 {
     Gate never;

@@ -120,9 +120,9 @@ void Stream::learnAbilities()
     m_timeSeekable = m_http != nullptr && (m_http->capability() & MDCH_CAPABILITY_TIME_SEEK) != 0;
 }
 
-std::string Stream::version() const
+player::Version Stream::version() const
 {
-    return m_http != nullptr ? player::versionOf(*m_http) : std::string();
+    return m_http != nullptr ? player::versionOf(*m_http) : player::Version();
 }
 
 int Stream::openAt(std::int64_t position)
@@ -131,7 +131,7 @@ int Stream::openAt(std::int64_t position)
     if (opened < 0) {
         return opened;
     }
-    if (version() != m_version) {
+    if (!player::areOfOneFile(version(), m_version)) {
         return AVERROR(EINVAL); // another file by now: its bytes do not go on from ours, at no try
     }
     const int sought = position != 0 ? m_stream->seek(position, SEEK_SET) : 0;

@@ -9,6 +9,7 @@
 #define MDCH_AVIO_STREAM_H
 
 #include "avio_settings.h"
+#include "response_header.h"
 
 #include "mdc_hlp_icy.h"
 #include "mdc_hlp_url_base.h"
@@ -81,7 +82,7 @@ private:
     bool pauseBeforeTry(int number);
     bool isAbandoned();
     void learnAbilities();
-    std::string version() const;
+    player::Version version() const;
 
     const Settings m_settings;
     std::mutex m_mutex;
@@ -96,8 +97,8 @@ private:
     std::int64_t m_position = 0;
     bool m_seekable = false;
     bool m_timeSeekable = false;
-    std::string m_version; // of what is being read
-    int m_broken = 0;      // what a stream whose place is lost gives until it is sought
+    player::Version m_version; // of what is being read
+    int m_broken = 0;          // what a stream whose place is lost gives until it is sought
 };
 
 } // namespace avio
