@@ -49,16 +49,16 @@ std::vector<Checksums> playWithSeeks(const std::string& source)
 {
     std::vector<Checksums> all;
     Player player(source);
-    EXPECT_TRUE(player.pause()) << player.error().debug;
+    EXPECT_TRUE(player.pause()) << player.story();
     // All over the film, forwards and backwards, near and far.
     for (const int tenths : {50, 12, 88, 3, 95, 47, 49, 51, 20, 70, 71, 40, 0, 66, 33, 99, 1, 58, 90, 25}) {
         EXPECT_TRUE(
             player.seek(static_cast<GstClockTime>(tenths) * 100 * GST_MSECOND, GST_SEEK_FLAG_ACCURATE))
-            << source << " at " << tenths << ": " << player.error().debug;
+            << source << " at " << tenths << ": " << player.story();
         all.push_back(player.first());
     }
     player.forget();
-    EXPECT_TRUE(player.playToEnd()) << player.error().debug;
+    EXPECT_TRUE(player.playToEnd()) << player.story();
     all.push_back(player.checksums());
     return all;
 }
@@ -208,12 +208,12 @@ TEST_F(GstreamerServersTest, TitlesOfARadioStreamArriveAsTags)
     };
     while (!isThere("title", "Sine - Rising Tone")) {
         ASSERT_NE(player.wait(GST_MESSAGE_TAG), nullptr);
-        ASSERT_EQ(player.error().code, -1) << player.error().debug;
+        ASSERT_EQ(player.error().code, -1) << player.story();
     }
     ASSERT_TRUE(icecast.announce("/live.mp3", "song=Sine%20-%20Falling%20Tone"));
     while (!isThere("title", "Sine - Falling Tone")) {
         ASSERT_NE(player.wait(GST_MESSAGE_TAG), nullptr);
-        ASSERT_EQ(player.error().code, -1) << player.error().debug;
+        ASSERT_EQ(player.error().code, -1) << player.story();
     }
     EXPECT_EQ(player.checksums().count("audio/x-raw"), 1U);
 }
@@ -233,7 +233,7 @@ TEST_F(GstreamerServersTest, PlaybinPlaysThroughTheElement)
     Player player("playbin name=player uri=" + nginx.plain("/film.mkv") +
                       " audio-sink=\"fakesink sync=false\" video-sink=\"fakesink sync=false\"",
                   false);
-    EXPECT_TRUE(player.playToEnd()) << player.error().debug;
+    EXPECT_TRUE(player.playToEnd()) << player.story();
     const GstStructure* headers = player.message("http-headers");
     ASSERT_NE(headers, nullptr);
     GstElement* source = nullptr;

@@ -163,6 +163,9 @@ void Player::addSink(GstPad* pad)
     gst_caps_unref(caps);
     sink->element = gst_element_factory_make("fakesink", nullptr);
     g_object_set(sink->element, "sync", FALSE, "signal-handoffs", TRUE, "enable-last-sample", FALSE, nullptr);
+    // A demuxer that seeks for the duration flushes its sink. One that prerolls goes back to a pause for that, and stays
+    // there for good when the pipeline is just then on its way to playing.
+    g_object_set(sink->element, "async", m_prerolls ? TRUE : FALSE, nullptr);
     g_signal_connect(sink->element, "handoff", G_CALLBACK(&Sink::onBuffer), sink.get());
     g_signal_connect(sink->element, "preroll-handoff", G_CALLBACK(&Sink::onPreroll), sink.get());
     gst_bin_add(GST_BIN(m_pipeline), sink->element);
@@ -211,6 +214,12 @@ void Player::note(GstMessage* message)
     default:
         break;
     }
+}
+
+GstStateChangeReturn Player::set(GstState state)
+{
+    m_prerolls = m_prerolls || state == GST_STATE_PAUSED;
+    return gst_element_set_state(m_pipeline, state);
 }
 
 MessagePtr Player::wait(int kinds)
@@ -293,10 +302,19 @@ const GstStructure* Player::message(const std::string& name) const
     return found != m_messages.end() ? found->second.get() : nullptr;
 }
 
+std::string Player::story() const
+{
+    std::string text = m_error.text + " " + m_error.debug;
+    for (const std::string& line : m_traces.texts()) {
+        text += "\n" + line;
+    }
+    return text;
+}
+
 Checksums playThrough(const std::string& source)
 {
     Player player(source);
-    EXPECT_TRUE(player.playToEnd()) << source << ": " << player.error().text << " " << player.error().debug;
+    EXPECT_TRUE(player.playToEnd()) << source << ": " << player.story();
     return player.checksums();
 }
 

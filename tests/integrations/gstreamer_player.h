@@ -2,7 +2,9 @@
 #pragma once
 
 #include "media_files.h"
+#include "support/trace_capture.h"
 
+#include <atomic>
 #include <gst/gst.h>
 #include <map>
 #include <memory>
@@ -52,7 +54,7 @@ public:
     GstElement* pipeline() const { return m_pipeline; }
     GstElement* source() const { return m_source; }
 
-    GstStateChangeReturn set(GstState state) { return gst_element_set_state(m_pipeline, state); }
+    GstStateChangeReturn set(GstState state);
 
     // Waits for one of these kinds of messages, and keeps notice of those that come before it. Null at the deadline.
     // An error always ends the wait.
@@ -66,12 +68,15 @@ public:
     void forget();
 
     const PlayerError& error() const { return m_error; }
+    // Why it went wrong, for the message of a failed test: the error, and the library's traces of faults.
+    std::string story() const;
     // Values of a tag in the order in which they came.
     const std::vector<std::string>& tags(const std::string& name) { return m_tags[name]; }
     // The last element message of that name; null: none came.
     const GstStructure* message(const std::string& name) const;
 
 private:
+    static constexpr unsigned int kFaults = 3000; // severity
     struct Sink;
     struct UnrefStructure
     {
@@ -81,9 +86,11 @@ private:
     void addSink(GstPad* pad);
     void note(GstMessage* message);
 
+    TraceCapture m_traces{kFaults};
     GstElement* m_pipeline = nullptr;
     GstElement* m_source = nullptr;
-    mutable std::mutex m_mutex; // guards the sinks: decodebin adds them on its own threads
+    std::atomic<bool> m_prerolls{false}; // it has been paused: sinks that come wait for that
+    mutable std::mutex m_mutex;          // guards the sinks: decodebin adds them on its own threads
     std::vector<std::unique_ptr<Sink>> m_sinks;
     PlayerError m_error;
     std::map<std::string, std::vector<std::string>> m_tags;

@@ -3,6 +3,7 @@
 #include "support/certificates.h"
 #include "support/sockets.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <grp.h>
 #include <pwd.h>
@@ -76,7 +77,7 @@ FtpHost::FtpHost(std::string user, std::string password)
 FtpHost::~FtpHost()
 {
     constexpr mode_t kOwners = 0755;
-    m_process.reset();
+    m_processes.clear();
     chmod(m_folder.file("root").c_str(), kOwners); // so that it can be removed
 }
 
@@ -95,15 +96,30 @@ void FtpHost::start()
             m_port = first.port();
             m_portIpv6 = second.port();
         }
-        m_process = launch(options);
-        waitUntil([this] { return !m_process->isRunning() || (listens(m_port) && listensIpv6(m_portIpv6)); },
-                  kStartDeadline);
-        if (m_process->isRunning() && listens(m_port) && listensIpv6(m_portIpv6)) {
+        m_processes.clear();
+        m_processes = launch(options);
+        waitUntil([this] { return !isRunning() || listens(); }, kStartDeadline);
+        if (isRunning() && listens()) {
             return;
         }
     }
     throw std::runtime_error("the FTP server does not start: " + readFile(options.standardOutput) +
                              readFile(options.standardError) + readFile(m_folder.file("server.log")));
+}
+
+bool FtpHost::isRunning() const
+{
+    return std::all_of(m_processes.begin(), m_processes.end(),
+                       [](const auto& process) { return process->isRunning(); });
+}
+
+bool FtpHost::listens() const
+{
+    const auto any = [this](const auto& does) {
+        return std::any_of(m_processes.begin(), m_processes.end(), does);
+    };
+    return any([this](const auto& process) { return process->listens(m_port); }) &&
+           any([this](const auto& process) { return process->listensIpv6(m_portIpv6); });
 }
 
 std::string FtpHost::host() const
@@ -123,14 +139,16 @@ Vsftpd::Vsftpd(Security security) : FtpHost("ftp", "open sesame"), m_security(se
     start();
 }
 
-std::unique_ptr<Process> Vsftpd::launch(const ProcessOptions& options)
+FtpHost::Processes Vsftpd::launch(const ProcessOptions& options)
 {
     folder().write("passwords", "open sesame\nsomebody@example.test\nftp@example.com\n");
     const std::string program = serverProgram("vsftpd");
-    m_ipv6 = std::make_unique<Process>(
-        std::vector<std::string>{program, folder().write("ipv6.conf", configuration(true))}, options);
-    return std::make_unique<Process>(
-        std::vector<std::string>{program, folder().write("ipv4.conf", configuration(false))}, options);
+    Processes processes; // one listens on one address
+    for (const bool ipv6 : {true, false}) {
+        const std::string file = folder().write(ipv6 ? "ipv6.conf" : "ipv4.conf", configuration(ipv6));
+        processes.push_back(std::make_unique<Process>(std::vector<std::string>{program, file}, options));
+    }
+    return processes;
 }
 
 std::string Vsftpd::configuration(bool ipv6) const
@@ -182,7 +200,7 @@ Proftpd::Proftpd() : FtpHost("tester", "open sesame")
     start();
 }
 
-std::unique_ptr<Process> Proftpd::launch(const ProcessOptions& options)
+FtpHost::Processes Proftpd::launch(const ProcessOptions& options)
 {
     const passwd& owner = fileOwner();
     const std::string ids = std::to_string(owner.pw_uid) + ":" + std::to_string(owner.pw_gid);
@@ -193,10 +211,12 @@ std::unique_ptr<Process> Proftpd::launch(const ProcessOptions& options)
     constexpr mode_t kPrivate = 0600;
     chmod(folder().write("passwd", user() + ":" + hash + rest + "anonymous:x" + rest).c_str(), kPrivate);
     chmod(folder().write("group", "owner:x:" + std::to_string(owner.pw_gid) + ":\n").c_str(), kPrivate);
-    return std::make_unique<Process>(
+    Processes processes;
+    processes.push_back(std::make_unique<Process>(
         std::vector<std::string>{serverProgram("proftpd"), "--nodaemon", "--quiet", "--config",
                                  folder().write("proftpd.conf", configuration())},
-        options);
+        options));
+    return processes;
 }
 
 std::string Proftpd::configuration() const

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace support {
 
@@ -40,15 +41,20 @@ protected:
     std::uint16_t port() const { return m_port; }
     std::uint16_t portIpv6() const { return m_portIpv6; }
 
+    // One, or one for each of its addresses.
+    using Processes = std::vector<std::unique_ptr<Process>>;
+
 private:
-    virtual std::unique_ptr<Process> launch(const ProcessOptions& options) = 0;
+    virtual Processes launch(const ProcessOptions& options) = 0;
+    bool isRunning() const; // all that was launched
+    bool listens() const;   // on both addresses
 
     TempDir m_folder{"ftp"};
     std::string m_user;
     std::string m_password;
     std::uint16_t m_port = 0;
     std::uint16_t m_portIpv6 = 0;
-    std::unique_ptr<Process> m_process;
+    Processes m_processes;
 };
 
 class Vsftpd : public FtpHost
@@ -62,11 +68,10 @@ public:
     explicit Vsftpd(Security security = Security::kNone);
 
 private:
-    std::unique_ptr<Process> launch(const ProcessOptions& options) override;
+    Processes launch(const ProcessOptions& options) override;
     std::string configuration(bool ipv6) const;
 
     Security m_security;
-    std::unique_ptr<Process> m_ipv6; // one server listens on one address
 };
 
 class Proftpd : public FtpHost
@@ -78,7 +83,7 @@ public:
     static constexpr std::size_t kSmall = 1U << 20U;
 
 private:
-    std::unique_ptr<Process> launch(const ProcessOptions& options) override;
+    Processes launch(const ProcessOptions& options) override;
     std::string configuration() const;
 };
 

@@ -71,8 +71,8 @@ bool Icecast::start()
     ProcessOptions options;
     options.withoutPrivileges = true; // it refuses to be root
     m_server = std::make_unique<Process>(std::vector<std::string>{"icecast2", "-c", file}, options);
-    waitUntil([this] { return !m_server->isRunning() || listens(m_port); }, kStartDeadline);
-    return m_server->isRunning() && listens(m_port);
+    waitUntil([this] { return !m_server->isRunning() || m_server->listens(m_port); }, kStartDeadline);
+    return m_server->isRunning() && m_server->listens(m_port);
 }
 
 std::string Icecast::configuration() const

@@ -4,6 +4,8 @@
 #include "support/sockets.h"
 
 #include <algorithm>
+#include <gtest/gtest.h>
+#include <iostream>
 #include <stdexcept>
 
 namespace support {
@@ -36,7 +38,13 @@ Nginx::Nginx()
     throw std::runtime_error("nginx does not start: " + readFile(m_folder.file("error.log")));
 }
 
-Nginx::~Nginx() = default;
+Nginx::~Nginx()
+{
+    if (testing::Test::HasFailure()) {
+        std::cerr << "nginx " << (m_process->isRunning() ? "runs" : "has ended") << ":\n"
+                  << readFile(m_folder.file("error.log")) << readFile(m_folder.file("stderr.log"));
+    }
+}
 
 bool Nginx::start()
 {
@@ -54,8 +62,12 @@ bool Nginx::start()
     m_process = std::make_unique<Process>(std::vector<std::string>{"nginx", "-p", m_folder.path() + "/", "-c",
                                                                    file, "-e", m_folder.file("error.log")},
                                           options);
-    waitUntil([this] { return !m_process->isRunning() || listens(m_ports.back()); });
-    return m_process->isRunning() && std::all_of(m_ports.begin(), m_ports.end(), listens);
+    const auto isReady = [this] {
+        return std::all_of(m_ports.begin(), m_ports.end(),
+                           [this](auto port) { return m_process->listens(port); });
+    };
+    waitUntil([&] { return !m_process->isRunning() || isReady(); });
+    return m_process->isRunning();
 }
 
 std::string Nginx::configuration() const

@@ -1,12 +1,14 @@
 #include "support_process.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iomanip>
+#include <iterator>
 #include <pwd.h>
 #include <sstream>
 #include <stdexcept>
@@ -123,23 +125,59 @@ bool redirect(const char* path, int fd)
     _exit(kNotStarted);
 }
 
-// address: as the kernel's table has it.
-bool isListening(const char* file, const char* address, unsigned short port)
+// The link's text of the socket that listens there, "socket:[12345]", or nothing. address: as the kernel's table has it.
+std::string listeningSocket(const char* file, const char* address, unsigned short port)
 {
     std::ostringstream wanted;
     wanted << address << ':' << std::hex << std::uppercase << std::setw(4) << std::setfill('0') << port;
     std::ifstream table(file);
     for (std::string line; std::getline(table, line);) {
         std::istringstream fields(line);
-        std::string number;
-        std::string local;
-        std::string remote;
-        std::string state;
-        if (fields >> number >> local >> remote >> state && local == wanted.str() && state == "0A") {
+        const std::vector<std::string> words{std::istream_iterator<std::string>(fields), {}};
+        constexpr std::size_t kLocal = 1;
+        constexpr std::size_t kState = 3;
+        constexpr std::size_t kInode = 9;
+        if (words.size() > kInode && words[kLocal] == wanted.str() && words[kState] == "0A") {
+            return "socket:[" + words[kInode] + "]";
+        }
+    }
+    return {};
+}
+
+pid_t groupOf(const std::filesystem::path& process)
+{
+    const std::string all = readFile(process / "stat");
+    std::istringstream behindTheName(all.substr(std::min(all.rfind(')') + 1, all.size())));
+    std::string state;
+    pid_t parent = 0;
+    pid_t group = 0;
+    behindTheName >> state >> parent >> group;
+    return group;
+}
+
+// What ends while it is looked at holds nothing.
+bool holds(const std::filesystem::path& process, const std::string& socket)
+{
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(process / "fd", ignored)) {
+        if (std::filesystem::read_symlink(entry, ignored) == socket) {
             return true;
         }
     }
     return false;
+}
+
+bool groupHolds(pid_t group, const std::string& socket)
+{
+    if (socket.empty()) {
+        return false;
+    }
+    const std::filesystem::directory_iterator processes("/proc");
+    return std::any_of(begin(processes), end(processes), [&](const std::filesystem::directory_entry& entry) {
+        const std::string name = entry.path().filename();
+        return std::isdigit(static_cast<unsigned char>(name.front())) != 0 &&
+               groupOf(entry.path()) == group && holds(entry.path(), socket);
+    });
 }
 
 } // namespace
@@ -185,9 +223,7 @@ Process::Process(std::vector<std::string> command, const ProcessOptions& options
 Process::~Process()
 {
     ::kill(-m_pid, SIGKILL);
-    if (!m_status) {
-        waitpid(m_pid, nullptr, 0);
-    }
+    waitpid(m_pid, nullptr, 0);
 }
 
 bool Process::isRunning()
@@ -195,17 +231,29 @@ bool Process::isRunning()
     if (m_status) {
         return false;
     }
-    int status = 0;
-    if (waitpid(m_pid, &status, WNOHANG) != m_pid) {
+    // Left to the destructor: until then its number, which is its group's as well, goes to nobody else.
+    siginfo_t end{};
+    if (waitid(P_PID, static_cast<id_t>(m_pid), &end, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+        end.si_pid != m_pid) {
         return true;
     }
-    m_status = WIFEXITED(status) ? WEXITSTATUS(status) : kSignalStatus + WTERMSIG(status);
+    m_status = end.si_code == CLD_EXITED ? end.si_status : kSignalStatus + end.si_status;
     return false;
 }
 
 void Process::signal(int number) const
 {
     ::kill(m_pid, number);
+}
+
+bool Process::listens(unsigned short port) const
+{
+    return groupHolds(m_pid, listeningSocket("/proc/net/tcp", "0100007F", port));
+}
+
+bool Process::listensIpv6(unsigned short port) const
+{
+    return groupHolds(m_pid, listeningSocket("/proc/net/tcp6", "00000000000000000000000001000000", port));
 }
 
 std::optional<int> Process::wait(std::chrono::milliseconds deadline)
@@ -256,16 +304,6 @@ void giveAway(const std::string& path)
     if (!ok) {
         throw std::system_error(errno, std::generic_category(), path);
     }
-}
-
-bool listens(unsigned short port)
-{
-    return isListening("/proc/net/tcp", "0100007F", port);
-}
-
-bool listensIpv6(unsigned short port)
-{
-    return isListening("/proc/net/tcp6", "00000000000000000000000001000000", port);
 }
 
 } // namespace support

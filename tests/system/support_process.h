@@ -38,6 +38,12 @@ public:
     bool isRunning();
     void signal(int number) const;
 
+    // Whether it, or another of its group, listens on that port of 127.0.0.1, or of ::1. One that a program with the same
+    // idea of a free port took does not count. Makes no connection: some servers do not survive one that ends without a
+    // word while they start.
+    bool listens(unsigned short port) const;
+    bool listensIpv6(unsigned short port) const;
+
     // Waits for the end: the exit status, 128 plus the signal that ended it, or nothing at the deadline.
     std::optional<int> wait(std::chrono::milliseconds deadline = std::chrono::seconds(60));
 
@@ -62,10 +68,5 @@ std::string readFile(const std::string& path);
 
 // Gives a folder and what is in it to user nobody, when the test is root's.
 void giveAway(const std::string& path);
-
-// Whether a server listens on that port of 127.0.0.1. Makes no connection: some servers do not survive one that
-// ends without a word while they start.
-bool listens(unsigned short port);
-bool listensIpv6(unsigned short port); // on ::1
 
 } // namespace support

@@ -51,7 +51,8 @@ void LocalServer::start(std::size_t portCount, const ProcessOptions& options)
 
 bool LocalServer::isReady()
 {
-    return std::all_of(m_ports.begin(), m_ports.end(), listens);
+    return std::all_of(m_ports.begin(), m_ports.end(),
+                       [this](std::uint16_t port) { return m_process->listens(port); });
 }
 
 std::string LocalServer::complaint() const
