@@ -31,10 +31,11 @@ make_player_media() {
         "$work/files/film.ts"
 }
 
+# listening PORT [PID]: whether anybody, or that process, listens there.
 listening() {
-    local entry
-    printf -v entry ' 0100007F:%04X 00000000:0000 0A ' "$1"
-    grep -q "$entry" /proc/net/tcp
+    local inode
+    inode=$(awk -v at="$(printf '0100007F:%04X' "$1")" '$2 == at && $4 == "0A" { print $10 }' /proc/net/tcp)
+    [ -n "$inode" ] && { [ $# -lt 2 ] || find "/proc/$2/fd" -lname "socket:\[$inode\]" | grep -q .; }
 }
 
 # Below the range that the system hands out by itself.
@@ -57,15 +58,16 @@ wait_for() {
     done
 }
 
-# start NAME PORT COMMAND...: runs the server; false when it does not listen.
+# start NAME PORT COMMAND...: runs the server; false when it does not come up. Another one that took the port meanwhile is
+# not taken for it.
 start() {
     local name=$1 port=$2 pid
     shift 2
     "$@" >"$work/$name.log" 2>&1 &
     pid=$!
     server_pids+=("$pid")
-    wait_for 10 eval "listening $port || ! kill -0 $pid" || true
-    kill -0 "$pid" 2>/dev/null
+    wait_for 10 eval "listening $port $pid || ! kill -0 $pid" || true
+    listening "$port" "$pid" 2>/dev/null
 }
 
 start_nginx() {
@@ -75,7 +77,8 @@ start_nginx() {
         secure=$(free_port)
         nginx_configuration "$plain" "$secure" >"$work/nginx/nginx.conf"
         if start nginx "$plain" "$(PATH=$PATH:/usr/sbin command -v nginx)" -p "$work/nginx/" \
-            -c "$work/nginx/nginx.conf" -e "$work/nginx/error.log"; then
+            -c "$work/nginx/nginx.conf" -e "$work/nginx/error.log" &&
+            wait_for 5 listening "$secure" "${server_pids[-1]}"; then
             http_url=http://127.0.0.1:$plain
             https_url=https://127.0.0.1:$secure
             return

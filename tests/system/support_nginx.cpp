@@ -28,6 +28,7 @@ std::string tlsServer(std::uint16_t port, const Identity& identity, const std::s
 Nginx::Nginx()
 {
     m_folder.makeDir("files");
+    certificates().rsaLeaf(); // made before a port is chosen: keys take their time
     // Another program may take a port between its choice and the start: then others are tried.
     constexpr int kAttempts = 10;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
