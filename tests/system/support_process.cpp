@@ -158,9 +158,11 @@ pid_t groupOf(const std::filesystem::path& process)
 // What ends while it is looked at holds nothing.
 bool holds(const std::filesystem::path& process, const std::string& socket)
 {
-    std::error_code ignored;
-    for (const auto& entry : std::filesystem::directory_iterator(process / "fd", ignored)) {
-        if (std::filesystem::read_symlink(entry, ignored) == socket) {
+    std::error_code gone;
+    std::filesystem::directory_iterator entry(process / "fd", gone);
+    for (; !gone && entry != std::filesystem::directory_iterator(); entry.increment(gone)) {
+        std::error_code closed;
+        if (std::filesystem::read_symlink(entry->path(), closed) == socket) {
             return true;
         }
     }
