@@ -137,7 +137,7 @@ class Server:
                 self._status = http.client.HTTPConnection("127.0.0.1", self._plain, timeout=60)
                 self.connections()
                 return True
-            except OSError:
+            except (OSError, http.client.HTTPException, ValueError, IndexError):  # or it is not ours
                 time.sleep(0.02)
         if self._process.poll() is None:
             self._process.kill()
