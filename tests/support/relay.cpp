@@ -77,11 +77,12 @@ void Relay::run()
 {
     arriveAtHold();
     while (isHeld() || !ended_ || !toOrigin_.empty() || !toClient_.empty()) {
+        const bool held = isHeld(); // asked once: the gate may open at any time
         std::array<pollfd, 4> entries{
-            entryFor(client_, !ended_ && fromClient_ && toOrigin_.empty(), !toClient_.empty() && !isHeld()),
+            entryFor(client_, !ended_ && fromClient_ && toOrigin_.empty(), !toClient_.empty() && !held),
             entryFor(origin_, !ended_ && toClient_.empty(), !toOrigin_.empty()),
-            pollfd{interrupt_.fd(), POLLIN, 0}, pollfd{isHeld() ? hold_->gate.fd() : -1, POLLIN, 0}};
-        if (!fromClient_ || isHeld()) {
+            pollfd{interrupt_.fd(), POLLIN, 0}, pollfd{held ? hold_->gate.fd() : -1, POLLIN, 0}};
+        if (!fromClient_ || held) {
             entries[0].fd = client_;
             entries[0].events = static_cast<short>(entries[0].events | POLLRDHUP);
         }
