@@ -58,8 +58,8 @@ wait_for() {
     done
 }
 
-# start NAME PORT COMMAND...: runs the server; false when it does not come up. Another one that took the port meanwhile is
-# not taken for it.
+# start NAME PORT COMMAND...: runs the server; false when it does not come up. Another one that took the port meanwhile
+# is not taken for it.
 start() {
     local name=$1 port=$2 pid
     shift 2

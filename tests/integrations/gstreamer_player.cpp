@@ -20,11 +20,11 @@ extern "C" const char* __lsan_default_options()
     return "print_suppressions=0";
 }
 
-// Other projects' libraries, which take something once per process and never give it back: the plugin loader for Python
-// with its interpreter, a plugin for subtitles with its fonts, one for depth cameras with its drivers, all loaded for the
-// list of plugins; the demuxer of radio titles with the name of a type; and GLib's texts that are there for good, some of
-// them before main. GLib keeps memory for each of its idle threads, too, which ends up with nobody when one ends just as
-// the program does; what takes that in a call that frees is nothing else.
+// Other projects' libraries, which take something once per process and never give it back: the plugin loader for
+// Python with its interpreter, a plugin for subtitles with its fonts, one for depth cameras with its drivers, all
+// loaded for the list of plugins; the demuxer of radio titles with the name of a type; and GLib's texts that are there
+// for good, some of them before main. GLib keeps memory for each of its idle threads, too, which ends up with nobody
+// when one ends just as the program does; what takes that in a call that frees is nothing else.
 extern "C" const char* __lsan_default_suppressions()
 {
     return "leak:libpython3\nleak:libfontconfig\nleak:libOpenNI2\nleak:libPSLink\nleak:libPS1080\nleak:"
@@ -164,8 +164,8 @@ void Player::addSink(GstPad* pad)
     gst_caps_unref(caps);
     sink->element = gst_element_factory_make("fakesink", nullptr);
     g_object_set(sink->element, "sync", FALSE, "signal-handoffs", TRUE, "enable-last-sample", FALSE, nullptr);
-    // A demuxer that seeks for the duration flushes its sink. One that prerolls goes back to a pause for that, and stays
-    // there for good when the pipeline is just then on its way to playing.
+    // A demuxer that seeks for the duration flushes its sink. One that prerolls goes back to a pause for that, and
+    // stays there for good when the pipeline is just then on its way to playing.
     g_object_set(sink->element, "async", m_prerolls ? TRUE : FALSE, nullptr);
     g_signal_connect(sink->element, "handoff", G_CALLBACK(&Sink::onBuffer), sink.get());
     g_signal_connect(sink->element, "preroll-handoff", G_CALLBACK(&Sink::onPreroll), sink.get());

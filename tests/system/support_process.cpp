@@ -125,7 +125,8 @@ bool redirect(const char* path, int fd)
     _exit(kNotStarted);
 }
 
-// The link's text of the socket that listens there, "socket:[12345]", or nothing. address: as the kernel's table has it.
+// The link's text of the socket that listens there, "socket:[12345]", or nothing. address: as the kernel's table has
+// it.
 std::string listeningSocket(const char* file, const char* address, unsigned short port)
 {
     std::ostringstream wanted;
