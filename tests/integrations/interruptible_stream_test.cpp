@@ -137,6 +137,15 @@ class InterruptibleStreamTest : public testing::Test
 protected:
     ~InterruptibleStreamTest() override { md::HttpAccess::shutdown(); }
 
+    // Every byte of the resource comes, and the end.
+    void expectWhole(InterruptibleStream& stream) const
+    {
+        const Piece all = readAll(stream);
+        EXPECT_EQ(all.outcome, Outcome::kEnd) << stream.error();
+        EXPECT_EQ(all.bytes.size(), kSize);
+        EXPECT_TRUE(m_media.matches(0, all.bytes));
+    }
+
     HttpServer m_server;
     const Media m_media{10};
 };
@@ -150,10 +159,7 @@ TEST_F(InterruptibleStreamTest, GivesEveryByteAndTheEnd)
     EXPECT_TRUE(stream.facts().byteSeekable);
     EXPECT_FALSE(stream.facts().timeSeekable);
     EXPECT_EQ(stream.facts().httpStatus, 200);
-    const Piece all = readAll(stream);
-    EXPECT_EQ(all.outcome, Outcome::kEnd);
-    EXPECT_EQ(all.bytes.size(), kSize);
-    EXPECT_TRUE(m_media.matches(0, all.bytes));
+    expectWhole(stream);
     EXPECT_EQ(m_server.requests().size(), 1U);
 }
 
@@ -335,10 +341,7 @@ TEST_F(InterruptibleStreamTest, TransferThatBreaksOffGoesOnWhereItWas)
                                Reply::resource(m_media, kSize).reset(At::header()), Reply::error(503),
                                Reply::resource(m_media, kSize)});
     InterruptibleStream stream(m_server.url("/a"), patient());
-    const Piece all = readAll(stream);
-    EXPECT_EQ(all.outcome, Outcome::kEnd) << stream.error();
-    EXPECT_EQ(all.bytes.size(), kSize);
-    EXPECT_TRUE(m_media.matches(0, all.bytes));
+    expectWhole(stream);
     ASSERT_EQ(m_server.requests().size(), 4U);
     EXPECT_EQ(m_server.requests().at(3).header("Range"), "bytes=300000-");
 }
@@ -364,10 +367,7 @@ TEST_F(InterruptibleStreamTest, AnAnswerWithoutTagIsGoneOnWith)
     m_server.onSequence("/a", {Reply::resource(m_media, kSize).header("ETag: \"1\"").close(At::body(300'000)),
                                Reply::resource(m_media, kSize)});
     InterruptibleStream stream(m_server.url("/a"), patient());
-    const Piece all = readAll(stream);
-    EXPECT_EQ(all.outcome, Outcome::kEnd) << stream.error();
-    EXPECT_EQ(all.bytes.size(), kSize);
-    EXPECT_TRUE(m_media.matches(0, all.bytes));
+    expectWhole(stream);
 }
 
 TEST_F(InterruptibleStreamTest, AnotherVersionBehindAnInterruptedSeekIsNotGoneOnWith)

@@ -68,7 +68,7 @@ bool Nginx::start()
                            [this](auto port) { return m_process->listens(port); });
     };
     waitUntil([&] { return !m_process->isRunning() || isReady(); });
-    return m_process->isRunning();
+    return m_process->isRunning() && isReady();
 }
 
 std::string Nginx::configuration() const
